@@ -1,0 +1,58 @@
+# A thin layer over CMake: each target installs the Debian packages it needs
+# (apt-get, through sudo when not root), configures, builds and runs.
+
+BUILD     ?= build
+ASAN      ?= build-asan
+RELEASE   ?= build-release
+FUZZBUILD ?= build-fuzz
+PREFIX    ?= /usr/local
+JOBS      ?= $(shell nproc)
+CMAKE_ARGS ?=
+
+BASE_PACKAGES  = cmake make g++ pkg-config qt6-base-dev libpoco-dev libgtest-dev libgmock-dev
+BENCH_PACKAGES = libbenchmark-dev libsqlite3-dev
+FUZZ_PACKAGES  = clang libclang-rt-14-dev
+
+.PHONY: all deps build test test-sanitize demo bench fuzz install clean
+
+all: build
+
+deps:
+	@scripts/install-deps $(BASE_PACKAGES)
+
+build: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+# The same tests built with AddressSanitizer and UndefinedBehaviorSanitizer;
+# any report fails the run.
+test-sanitize: deps
+	cmake -S . -B $(ASAN) -DCMAKE_BUILD_TYPE=Debug -DKELTS_SANITIZE=ON $(CMAKE_ARGS)
+	cmake --build $(ASAN) -j $(JOBS)
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --test-dir $(ASAN) --output-on-failure -j $(JOBS) -E Packaging
+
+demo: build
+	$(BUILD)/tools/kelts/kelts demo
+
+bench: deps
+	@scripts/install-deps $(BENCH_PACKAGES)
+	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DKELTS_BUILD_BENCH=ON -DKELTS_BUILD_TESTS=OFF $(CMAKE_ARGS)
+	cmake --build $(RELEASE) -j $(JOBS) --target kelts_bench
+	$(RELEASE)/bench/kelts_bench $(BENCH_ARGS)
+
+fuzz: deps
+	@scripts/install-deps $(FUZZ_PACKAGES)
+	CXX=clang++ cmake -S . -B $(FUZZBUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELTS_BUILD_FUZZ=ON \
+	  -DKELTS_BUILD_TESTS=OFF -DKELTS_BUILD_TOOLS=OFF $(CMAKE_ARGS)
+	cmake --build $(FUZZBUILD) -j $(JOBS)
+	fuzz/run $(FUZZBUILD) $(FUZZ_SECONDS)
+
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
+
+clean:
+	rm -rf $(BUILD) $(ASAN) $(RELEASE) $(FUZZBUILD)

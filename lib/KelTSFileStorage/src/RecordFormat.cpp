@@ -1,0 +1,421 @@
+// The record format: value-type tables, the encoding of one record, the
+// side files of variable values, and the single-record operations of the
+// storage that move through a file with a QDataStream.
+
+#include "TSFileStorage.h"
+
+#include "Logging.h"
+#include "RecordCodec.h"
+
+#include <QBuffer>
+#include <QtEndian>
+
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+
+namespace Kel {
+
+namespace detail {
+
+bool isVariableType(QMetaType::Type type)
+{
+    switch (type) {
+    case QMetaType::Bool: case QMetaType::Int: case QMetaType::UInt:
+    case QMetaType::LongLong: case QMetaType::ULongLong: case QMetaType::Double:
+    case QMetaType::Short: case QMetaType::Char: case QMetaType::UShort:
+    case QMetaType::UChar: case QMetaType::Float:
+        return false;
+    default:
+        return true;
+    }
+}
+
+QString markerOf(QMetaType::Type type)
+{
+    switch (type) {
+    case QMetaType::Bool: case QMetaType::Char: case QMetaType::UChar:
+        return QStringLiteral("B");
+    case QMetaType::Int: case QMetaType::UInt:
+        return QStringLiteral("I");
+    case QMetaType::LongLong: case QMetaType::ULongLong:
+        return QStringLiteral("L");
+    case QMetaType::Double:
+        return QStringLiteral("D");
+    case QMetaType::Short: case QMetaType::UShort:
+        return QStringLiteral("W");
+    case QMetaType::Float:
+        return QStringLiteral("F");
+    default:
+        return QStringLiteral("V");
+    }
+}
+
+int dataLengthOf(QMetaType::Type type)
+{
+    // Ids 1 to 38 are looked up; Long (32) and ULong (35) get 4 although they
+    // are kept as variable values.
+    switch (type) {
+    case QMetaType::Bool: case QMetaType::Char: case QMetaType::UChar:
+        return 1;
+    case QMetaType::Short: case QMetaType::UShort:
+        return 2;
+    case QMetaType::LongLong: case QMetaType::ULongLong: case QMetaType::Double:
+        return 8;
+    default:
+        return 4;
+    }
+}
+
+int offsetWidthOf(int depth)
+{
+    static const int widths[] = {5, 4, 4, 3, 2};
+    return depth >= 0 && depth <= 4 ? widths[depth] : 0;
+}
+
+RecordLayout::RecordLayout(QMetaType::Type type, int depth)
+    : type(type),
+      variable(isVariableType(type)),
+      offsetWidth(offsetWidthOf(depth)),
+      recordLength(offsetWidth + dataLengthOf(type)),
+      stride(offsetWidth + (type == QMetaType::Float ? 8 : dataLengthOf(type)))
+{
+}
+
+void encodeOffset(uchar* p, unsigned long long offset, int width)
+{
+    switch (width) {
+    case 5:
+        p[0] = uchar(offset >> 32);
+        qToBigEndian(quint32(offset), p + 1);
+        break;
+    case 4:
+        qToBigEndian(quint32(offset), p);
+        break;
+    case 3:
+        p[0] = uchar(offset >> 16);
+        qToBigEndian(quint16(offset), p + 1);
+        break;
+    case 2:
+        qToBigEndian(quint16(offset), p);
+        break;
+    default:
+        break;
+    }
+}
+
+unsigned long long decodeOffset(const uchar* p, int width)
+{
+    switch (width) {
+    case 5:
+        return (quint64(p[0]) << 32) | qFromBigEndian<quint32>(p + 1);
+    case 4:
+        return qFromBigEndian<quint32>(p);
+    case 3:
+        return (quint64(p[0]) << 16) | qFromBigEndian<quint16>(p + 1);
+    case 2:
+        return qFromBigEndian<quint16>(p);
+    default:
+        return 0;
+    }
+}
+
+namespace {
+
+void encodeDouble(uchar* p, double d)
+{
+    quint64 bits;
+    std::memcpy(&bits, &d, 8);
+    qToBigEndian(bits, p);
+}
+
+double decodeDouble(const uchar* p)
+{
+    const quint64 bits = qFromBigEndian<quint64>(p);
+    double d;
+    std::memcpy(&d, &bits, 8);
+    return d;
+}
+
+float narrowToFloat(double d)
+{
+    if (std::isfinite(d) && std::fabs(d) > double(FLT_MAX))
+        return d > 0 ? INFINITY : -INFINITY;
+    return float(d);
+}
+
+} // namespace
+
+void encodeValue(uchar* p, const QVariant& value, QMetaType::Type type)
+{
+    switch (type) {
+    case QMetaType::Bool: p[0] = value.toBool() ? 1 : 0; break;
+    case QMetaType::Char: p[0] = uchar(value.toInt()); break;
+    case QMetaType::UChar: p[0] = uchar(value.toUInt()); break;
+    case QMetaType::Short: qToBigEndian(quint16(value.toInt()), p); break;
+    case QMetaType::UShort: qToBigEndian(quint16(value.toUInt()), p); break;
+    case QMetaType::Int: qToBigEndian(quint32(value.toInt()), p); break;
+    case QMetaType::UInt: qToBigEndian(quint32(value.toUInt()), p); break;
+    case QMetaType::LongLong: qToBigEndian(quint64(value.toLongLong()), p); break;
+    case QMetaType::ULongLong: qToBigEndian(quint64(value.toULongLong()), p); break;
+    case QMetaType::Double: encodeDouble(p, value.toDouble()); break;
+    // Written through the stream's float operator at double precision: the
+    // value widened to an 8-byte double.
+    case QMetaType::Float: encodeDouble(p, double(value.toFloat())); break;
+    default: break;
+    }
+}
+
+void decodeValue(const uchar* p, QMetaType::Type type, QVariant& into)
+{
+    switch (type) {
+    case QMetaType::Bool: into.setValue(p[0] != 0); break;
+    case QMetaType::Char: into.setValue(int(qint8(p[0]))); break;
+    case QMetaType::UChar: into.setValue(int(p[0])); break;
+    case QMetaType::Short: into.setValue(int(qint16(qFromBigEndian<quint16>(p)))); break;
+    case QMetaType::UShort: into.setValue(int(qFromBigEndian<quint16>(p))); break;
+    case QMetaType::Int: into.setValue(int(qFromBigEndian<quint32>(p))); break;
+    case QMetaType::UInt: into.setValue(uint(qFromBigEndian<quint32>(p))); break;
+    case QMetaType::LongLong: into.setValue(qlonglong(qFromBigEndian<quint64>(p))); break;
+    case QMetaType::ULongLong: into.setValue(qulonglong(qFromBigEndian<quint64>(p))); break;
+    case QMetaType::Double: into.setValue(decodeDouble(p)); break;
+    case QMetaType::Float: into.setValue(narrowToFloat(decodeDouble(p))); break;
+    default: into = QVariant(); break;
+    }
+}
+
+void encodeVarPosition(uchar* p, qint32 position)
+{
+    qToBigEndian(quint32(position), p);
+}
+
+qint32 decodeVarPosition(const uchar* p)
+{
+    return qint32(qFromBigEndian<quint32>(p));
+}
+
+QVariant readVariant(QDataStream& stream)
+{
+    QVariant value;
+    try {
+        stream >> value;
+    } catch (...) {
+        // A corrupt length field can ask for more memory than there is.
+        return QVariant();
+    }
+    return stream.status() == QDataStream::Ok ? value : QVariant();
+}
+
+void writeVariant(QDataStream& stream, const QVariant& value)
+{
+    stream << value;
+}
+
+VarFileReader::VarFileReader(TSFileStorage& storage, QString varPath)
+    : storage(storage), path(std::move(varPath))
+{
+}
+
+VarFileReader::~VarFileReader() = default;
+
+QVariant VarFileReader::valueAt(qint32 position)
+{
+    if (failed)
+        return QVariant();
+    if (!file) {
+        file = std::make_unique<QFile>(path);
+        if (!storage.openFile(*file, QIODevice::ReadOnly)) {
+            storageLog(LOG_FAILURE, QStringLiteral("Could not open '%1' for read (readCurrDataRecord)"),
+                       __LINE__)
+                .arg(path)
+                .endl();
+            failed = true;
+            return QVariant();
+        }
+        stream = std::make_unique<QDataStream>(file.get());
+        stream->setVersion(QDataStream::Qt_5_13);
+    }
+    if (position < 0 || position >= file->size() || !file->seek(position))
+        return QVariant();
+    stream->resetStatus();
+    return readVariant(*stream);
+}
+
+VarFileWriter::VarFileWriter(TSFileStorage& storage, QString varPath)
+    : storage(storage), path(std::move(varPath))
+{
+}
+
+VarFileWriter::~VarFileWriter()
+{
+    flush();
+}
+
+bool VarFileWriter::open()
+{
+    file = std::make_unique<QFile>(path);
+    if (!storage.openFile(*file, QIODevice::WriteOnly | QIODevice::Append)) {
+        storageLog(LOG_FAILURE, QStringLiteral("Could not open '%1' for write (writeDataRecord)"),
+                   __LINE__)
+            .arg(path)
+            .endl();
+        failed = true;
+        return false;
+    }
+    startSize = file->size();
+    pendingStream = std::make_unique<QDataStream>(&pending, QIODevice::WriteOnly);
+    pendingStream->setVersion(QDataStream::Qt_5_13);
+    return true;
+}
+
+qint32 VarFileWriter::append(const QVariant& value)
+{
+    if (failed || (!file && !open()))
+        return 0;
+    const qint32 position = qint32(startSize + pending.size());
+    writeVariant(*pendingStream, value);
+    return position;
+}
+
+bool VarFileWriter::flush()
+{
+    if (!file || failed)
+        return !failed;
+    bool ok = true;
+    if (!pending.isEmpty()) {
+        ok = file->write(pending) == pending.size();
+        startSize += pending.size();
+        pending.clear();
+        pendingStream->device()->seek(0);
+    }
+    file->close();
+    file.reset();
+    pendingStream.reset();
+    return ok;
+}
+
+} // namespace detail
+
+using detail::RecordLayout;
+
+QString TSFileStorage::getMarkerForValueType(QMetaType::Type type)
+{
+    return detail::markerOf(type);
+}
+
+int TSFileStorage::getDataLengthForValueType(QMetaType::Type type)
+{
+    return detail::dataLengthOf(type);
+}
+
+int TSFileStorage::getDataLengthForTimestampOffset(TSFileInfo::DirDepth depth)
+{
+    return depth >= 0 && depth <= 4 ? tsOffsetLengths[depth] : 0;
+}
+
+void TSFileStorage::writeDataRecord(QDataStream& stream, Interpolate::DataRecord rec,
+                                    long long baseTs, TSFileInfo::DirDepth depth)
+{
+    const RecordLayout layout(valueType, depth);
+    uchar buf[16] = {};
+    detail::encodeOffset(buf, quint64(rec.timestamp - baseTs), layout.offsetWidth);
+    uchar* field = buf + layout.offsetWidth;
+    if (!layout.variable) {
+        detail::encodeValue(field, rec.value, valueType);
+    } else {
+        auto* device = qobject_cast<QFileDevice*>(stream.device());
+        const QString varPath = (device ? device->fileName() : QString()) + QStringLiteral(".var");
+        QFile varFile(varPath);
+        if (device && openFile(varFile, QIODevice::WriteOnly | QIODevice::Append)) {
+            detail::encodeVarPosition(field, qint32(varFile.size()));
+            QDataStream varStream(&varFile);
+            varStream.setVersion(QDataStream::Qt_5_13);
+            detail::writeVariant(varStream, rec.value);
+            varFile.close();
+        } else {
+            detail::storageLog(detail::LOG_FAILURE,
+                               QStringLiteral("Could not open '%1' for write (writeDataRecord)"),
+                               __LINE__)
+                .arg(varPath)
+                .endl();
+        }
+    }
+    stream.writeRawData(reinterpret_cast<const char*>(buf), layout.stride);
+}
+
+long long TSFileStorage::readCurrTsOffset(QDataStream& stream, TSFileInfo::DirDepth depth)
+{
+    const int width = detail::offsetWidthOf(depth);
+    uchar buf[8] = {};
+    if (width == 0 || stream.readRawData(reinterpret_cast<char*>(buf), width) != width)
+        return 0;
+    return (long long)detail::decodeOffset(buf, width);
+}
+
+Interpolate::DataRecord TSFileStorage::readCurrDataRecord(QDataStream& stream, long long baseTs,
+                                                          TSFileInfo::DirDepth depth)
+{
+    const RecordLayout layout(valueType, depth);
+    uchar buf[16] = {};
+    const int got = stream.readRawData(reinterpret_cast<char*>(buf), layout.stride);
+    // A field that could not be read whole reads as zero, as QDataStream's
+    // operators would give it.
+    if (got < layout.offsetWidth)
+        std::memset(buf, 0, sizeof buf);
+    else if (got < layout.stride)
+        std::memset(buf + layout.offsetWidth, 0, sizeof buf - size_t(layout.offsetWidth));
+
+    Interpolate::DataRecord rec;
+    rec.timestamp = baseTs + (long long)detail::decodeOffset(buf, layout.offsetWidth);
+    const uchar* field = buf + layout.offsetWidth;
+    if (!layout.variable) {
+        detail::decodeValue(field, valueType, rec.value);
+        return rec;
+    }
+    auto* device = qobject_cast<QFileDevice*>(stream.device());
+    detail::VarFileReader var(*this, (device ? device->fileName() : QString()) + QStringLiteral(".var"));
+    rec.value = var.valueAt(detail::decodeVarPosition(field));
+    return rec;
+}
+
+Interpolate::DataRecord TSFileStorage::readLastDataRecord(QDataStream& stream, long long fileSize,
+                                                          long long baseTs,
+                                                          TSFileInfo::DirDepth depth)
+{
+    const long long position = fileSize - RecordLayout(valueType, depth).recordLength;
+    if (position >= 0)
+        stream.device()->seek(position);
+    return readCurrDataRecord(stream, baseTs, depth);
+}
+
+long long TSFileStorage::seekToTsOffsetPos(QDataStream& stream, long long fileSize,
+                                           long long tsOffset, int tsOffsetLength,
+                                           TSFileInfo::DirDepth depth)
+{
+    QIODevice* device = stream.device();
+    const long long length = tsOffsetLength + dataLength;
+    const long long count = length > 0 ? fileSize / length : 0;
+    if (count > 0) {
+        long long lo = 0;
+        long long hi = count;
+        do {
+            const long long mid = (lo + hi) >> 1;
+            device->seek(mid * length);
+            const long long offset = readCurrTsOffset(stream, depth);
+            if (offset == tsOffset)
+                break;
+            if (offset < tsOffset)
+                lo = mid + 1;
+            else
+                hi = mid;
+        } while (lo < hi);
+    }
+    // Back to the start of the record probed last. Before the first record
+    // there is nowhere to go back to, and the device stays where it is.
+    const long long back = device->pos() - tsOffsetLength;
+    if (back >= 0)
+        device->seek(back);
+    return device->pos();
+}
+
+} // namespace Kel

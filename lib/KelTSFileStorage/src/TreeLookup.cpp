@@ -1,0 +1,164 @@
+// Lookup of files across the date tree: the file of a timestamp, the first
+// and last file, and the file before or after a given one. Only names are
+// looked at; every call reads the file system afresh.
+
+#include "TSDirControl.h"
+
+#include "Calendar.h"
+
+#include <QDir>
+
+namespace Kel {
+
+namespace {
+
+// Level names are 2 or 4 characters long; everything else (side files,
+// temporary files) stays out of every listing.
+const QStringList& levelNameFilters()
+{
+    static const QStringList filters{QStringLiteral("??"), QStringLiteral("????")};
+    return filters;
+}
+
+// A file lies at most this many levels below the base directory; a deeper
+// descent can only be a link that loops, and finds nothing.
+constexpr int kMaxLevels = 5;
+
+constexpr QDir::Filters kListFilter = QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot;
+
+QDir::SortFlags sortFor(bool backward)
+{
+    return backward ? QDir::SortFlags(QDir::Name | QDir::Reversed) : QDir::SortFlags(QDir::Name);
+}
+
+QStringList listNames(const QDir& dir, bool backward)
+{
+    return dir.entryList(levelNameFilters(), kListFilter, sortFor(backward));
+}
+
+} // namespace
+
+TSFileInfo TSDirControl::findFile(long long timestampMs)
+{
+    if (!detail::isPlaceable(timestampMs))
+        return TSFileInfo();
+    const Poco::DateTime date = detail::dateTimeOfMs(timestampMs);
+    QString relDir;
+    for (int depth = TSFileInfo::DEPTH_YEAR; depth <= TSFileInfo::DEPTH_MINUTE; ++depth) {
+        const QString name = getFileNameForDepth(date, TSFileInfo::DirDepth(depth));
+        const QFileInfo candidate(baseDir + relDir + name);
+        if (!candidate.exists() || candidate.isFile())
+            return TSFileInfo(candidate, relDir);
+        relDir += name + u'/';
+    }
+    // The minute entry is itself a directory: the tree never goes that deep.
+    return TSFileInfo(QFileInfo(baseDir + getFileNameForDepth(date, TSFileInfo::DEPTH_YEAR)),
+                      QString());
+}
+
+TSFileInfo TSDirControl::findFirstLastFile(bool first)
+{
+    QDir dir(baseDir);
+    if (!dir.exists())
+        return TSFileInfo();
+    QString relDir;
+    for (int level = 0; level < kMaxLevels; ++level) {
+        const QFileInfoList entries = dir.entryInfoList(levelNameFilters(), kListFilter,
+                                                        sortFor(!first));
+        // An empty directory on the way ends the search, even if other
+        // branches hold files.
+        if (entries.isEmpty())
+            return TSFileInfo();
+        const QFileInfo& entry = entries.first();
+        if (entry.isFile())
+            return TSFileInfo(entry, relDir);
+        relDir += entry.fileName() + u'/';
+        dir.setPath(dir.path() + u'/' + entry.fileName());
+    }
+    return TSFileInfo();
+}
+
+TSFileInfo TSDirControl::findFirstFile()
+{
+    return findFirstLastFile(true);
+}
+
+TSFileInfo TSDirControl::findLastFile()
+{
+    return findFirstLastFile(false);
+}
+
+TSFileInfo TSDirControl::findPrevNextFile(TSFileInfo file, bool prev)
+{
+    // An info that names nothing has no place in the tree (and its empty
+    // path would list the working directory).
+    while (!file.filePath().isEmpty()) {
+        QDir dir(file.path());
+        const QString relDir = file.getSubDir();
+        const QStringList names = listNames(dir, prev);
+        const QString name = file.fileName();
+
+        qsizetype candidate = names.indexOf(name);
+        if (candidate >= 0) {
+            ++candidate;
+        } else {
+            candidate = names.size();
+            for (qsizetype i = 0; i < names.size(); ++i) {
+                const int order = names[i].compare(name);
+                if (prev ? order <= 0 : order >= 0) {
+                    candidate = order == 0 ? i + 1 : i;
+                    break;
+                }
+            }
+        }
+
+        if (candidate < names.size()) {
+            QString entryName = names[candidate];
+            QString entryPath = dir.path() + u'/' + entryName;
+            if (!QFileInfo(entryPath).isDir())
+                return TSFileInfo(QFileInfo(entryPath), relDir);
+            // Descend to the earliest file of the next period (or the latest
+            // of the previous one); an empty directory on the way means none.
+            QString entryRelDir = relDir;
+            for (int level = file.getDirDepth() + 1; level < kMaxLevels; ++level) {
+                entryRelDir += entryName + u'/';
+                const QDir sub(entryPath);
+                const QStringList subNames = listNames(sub, prev);
+                if (subNames.isEmpty())
+                    return TSFileInfo();
+                entryName = subNames.first();
+                entryPath = sub.path() + u'/' + entryName;
+                const QFileInfo entry(entryPath);
+                if (entry.isFile())
+                    return TSFileInfo(entry, entryRelDir);
+            }
+            return TSFileInfo();
+        }
+
+        // Nothing more in this directory: continue among the siblings of the
+        // directory that holds the file.
+        QStringList parts = relDir.split(u'/', Qt::SkipEmptyParts);
+        if (parts.isEmpty())
+            return TSFileInfo();
+        parts.removeLast();
+        const QString parentRelDir = parts.isEmpty() ? QString() : parts.join(u'/') + u'/';
+        dir.cdUp();
+        const Poco::DateTime date = detail::dateTimeOfMs(file.getBaseTsMs());
+        const QString dirName =
+            getFileNameForDepth(date, TSFileInfo::DirDepth(file.getDirDepth() - 1));
+        file = TSFileInfo(QFileInfo(dir.path() + u'/' + dirName), parentRelDir);
+    }
+    return TSFileInfo();
+}
+
+TSFileInfo TSDirControl::findPrevFile(TSFileInfo file)
+{
+    return findPrevNextFile(file, true);
+}
+
+TSFileInfo TSDirControl::findNextFile(TSFileInfo file)
+{
+    return findPrevNextFile(file, false);
+}
+
+} // namespace Kel

@@ -1,0 +1,217 @@
+#include "RecordCodec.h"
+#include "TSFileStorage.h"
+#include "TestSupport.h"
+
+#include <QBuffer>
+#include <QDataStream>
+#include <QFile>
+
+#include <gtest/gtest.h>
+
+using Kel::TSFileInfo;
+using Kel::TSFileStorage;
+using Kel::test::LogCapture;
+using Kel::test::ms;
+using Kel::test::readBytes;
+using Record = Kel::Interpolate::DataRecord;
+
+// Writes and reads single records of one value type through a file of a
+// chosen depth, the way the storage moves through its files.
+class RecordFormat : public ::testing::Test {
+protected:
+    TSFileStorage storageOf(QMetaType::Type type) { return TSFileStorage(tmp.path(), type, 1 << 20); }
+
+    QByteArray write(TSFileStorage& storage, const std::vector<Record>& records, long long base,
+                     TSFileInfo::DirDepth depth)
+    {
+        QFile file(path);
+        file.open(QIODevice::ReadWrite | QIODevice::Append);
+        QDataStream stream(&file);
+        stream.setVersion(QDataStream::Qt_5_13);
+        for (const Record& r : records)
+            storage.writeDataRecord(stream, r, base, depth);
+        file.close();
+        return readBytes(path);
+    }
+
+    Record roundTrip(QMetaType::Type type, const QVariant& value)
+    {
+        QFile::remove(path);
+        TSFileStorage storage = storageOf(type);
+        write(storage, {{1000, value}}, 0, TSFileInfo::DEPTH_DAY);
+        QFile file(path);
+        file.open(QIODevice::ReadOnly);
+        QDataStream stream(&file);
+        stream.setVersion(QDataStream::Qt_5_13);
+        return storage.readCurrDataRecord(stream, 0, TSFileInfo::DEPTH_DAY);
+    }
+
+    QTemporaryDir tmp;
+    QString path = tmp.filePath(QStringLiteral("07"));
+};
+
+TEST_F(RecordFormat, MarkersAndDataLengthsFollowTheValueTypeTables)
+{
+    TSFileStorage s = storageOf(QMetaType::Double);
+    EXPECT_EQ(s.getMarkerForValueType(QMetaType::UnknownType), QStringLiteral("V"));
+    EXPECT_EQ(s.getMarkerForValueType(QMetaType::QChar), QStringLiteral("V"));
+    EXPECT_EQ(s.getMarkerForValueType(QMetaType::Type(39)), QStringLiteral("V"));
+    EXPECT_EQ(s.getMarkerForValueType(QMetaType::Type(-1)), QStringLiteral("V"));
+    EXPECT_EQ(s.getMarkerForValueType(QMetaType::Long), QStringLiteral("V"));
+    EXPECT_EQ(s.getMarkerForValueType(QMetaType::Float), QStringLiteral("F"));
+    EXPECT_EQ(s.getMarkerForValueType(QMetaType::UChar), QStringLiteral("B"));
+    EXPECT_EQ(s.getMarkerForValueType(QMetaType::UInt), QStringLiteral("I"));
+    EXPECT_EQ(s.getMarkerForValueType(QMetaType::UShort), QStringLiteral("W"));
+    EXPECT_EQ(s.getDataLengthForValueType(QMetaType::UnknownType), 4);
+    EXPECT_EQ(s.getDataLengthForValueType(QMetaType::Type(39)), 4);
+    EXPECT_EQ(s.getDataLengthForValueType(QMetaType::ULong), 4);
+    EXPECT_EQ(s.getDataLengthForValueType(QMetaType::Float), 4);
+    EXPECT_EQ(s.getDataLengthForValueType(QMetaType::Char), 1);
+    EXPECT_EQ(s.getDataLengthForValueType(QMetaType::ULongLong), 8);
+    EXPECT_EQ(s.getDataLengthForValueType(QMetaType::Short), 2);
+    const int widths[] = {5, 4, 4, 3, 2};
+    for (int depth = 0; depth < 5; ++depth)
+        EXPECT_EQ(s.getDataLengthForTimestampOffset(TSFileInfo::DirDepth(depth)), widths[depth]);
+}
+
+TEST_F(RecordFormat, OffsetBytesAtEveryDepth)
+{
+    TSFileStorage s = storageOf(QMetaType::Bool);
+    const long long fortyDays = 3456000000LL;
+    EXPECT_EQ(write(s, {{fortyDays, true}}, 0, TSFileInfo::DEPTH_YEAR).toHex(' '),
+              QByteArray("00 cd fe 60 00 01"));
+    QFile::remove(path);
+    EXPECT_EQ(write(s, {{fortyDays, false}}, 0, TSFileInfo::DEPTH_MONTH).toHex(' '),
+              QByteArray("cd fe 60 00 00"));
+    QFile::remove(path);
+    EXPECT_EQ(write(s, {{500 + 3599999, true}}, 500, TSFileInfo::DEPTH_HOUR).toHex(' '),
+              QByteArray("36 ee 7f 01"));
+    QFile::remove(path);
+    EXPECT_EQ(write(s, {{(1LL << 40) + 5, true}}, 0, TSFileInfo::DEPTH_YEAR).left(5).toHex(' '),
+              QByteArray("00 00 00 00 05"));
+}
+
+TEST_F(RecordFormat, MinuteOffsetWrapsSilently)
+{
+    TSFileStorage s = storageOf(QMetaType::Int);
+    const long long base = ms("2024-05-07T09:03:00Z");
+    write(s, {{base + 70000, 7}}, base, TSFileInfo::DEPTH_MINUTE);
+    QFile file(path);
+    file.open(QIODevice::ReadOnly);
+    QDataStream stream(&file);
+    const Record r = s.readCurrDataRecord(stream, base, TSFileInfo::DEPTH_MINUTE);
+    EXPECT_EQ(r.timestamp, base + 4464);
+    EXPECT_EQ(r.value.toInt(), 7);
+}
+
+TEST_F(RecordFormat, ValuesComeBackWidenedAsTheTablesSay)
+{
+    const Record us = roundTrip(QMetaType::UShort, 65535);
+    EXPECT_EQ(us.value.typeId(), QMetaType::Int);
+    EXPECT_EQ(us.value.toInt(), 65535);
+    EXPECT_EQ(roundTrip(QMetaType::Short, -1).value.toInt(), -1);
+    EXPECT_EQ(roundTrip(QMetaType::UChar, 200).value.toInt(), 200);
+    EXPECT_EQ(roundTrip(QMetaType::Char, -56).value.toInt(), -56);
+    const Record ui = roundTrip(QMetaType::UInt, 4294967295u);
+    EXPECT_EQ(ui.value.typeId(), QMetaType::UInt);
+    EXPECT_EQ(ui.value.toUInt(), 4294967295u);
+    EXPECT_EQ(roundTrip(QMetaType::ULongLong, qulonglong(18446744073709551615ULL)).value.toULongLong(),
+              18446744073709551615ULL);
+    EXPECT_EQ(roundTrip(QMetaType::LongLong, qlonglong(-5)).value.toLongLong(), -5);
+    EXPECT_EQ(roundTrip(QMetaType::Bool, true).value.typeId(), QMetaType::Bool);
+    EXPECT_EQ(roundTrip(QMetaType::Int, QStringLiteral("letters")).value.toInt(), 0);
+    EXPECT_EQ(roundTrip(QMetaType::Double, 20.25).value.toDouble(), 20.25);
+    EXPECT_EQ(roundTrip(QMetaType::QString, QStringLiteral("text")).value.toString(), QStringLiteral("text"));
+}
+
+TEST_F(RecordFormat, FloatValuesTakeEightBytesOnDisk)
+{
+    TSFileStorage s = storageOf(QMetaType::Float);
+    const QByteArray bytes = write(s, {{1, 1.5f}, {2, -2.0f}}, 0, TSFileInfo::DEPTH_DAY);
+    EXPECT_EQ(bytes.size(), 2 * (4 + 8));
+    EXPECT_EQ(bytes.mid(4, 8).toHex(), QByteArray("3ff8000000000000"));
+    const Record r = roundTrip(QMetaType::Float, 1.5f);
+    EXPECT_EQ(r.value.typeId(), QMetaType::Float);
+    EXPECT_EQ(r.value.toFloat(), 1.5f);
+}
+
+TEST_F(RecordFormat, VariableValuesGoToTheSideFileAtItsPreviousSize)
+{
+    TSFileStorage s = storageOf(QMetaType::QString);
+    const QByteArray bytes =
+        write(s, {{10, QStringLiteral("ab")}, {10, QStringLiteral("ab")}}, 0, TSFileInfo::DEPTH_DAY);
+    const QByteArray side = readBytes(path + QStringLiteral(".var"));
+    // A QString QVariant at stream version 19: type id, null flag, length, UTF-16.
+    const QByteArray one = QByteArray::fromHex("0000000a00000000040061 0062");
+    EXPECT_EQ(side, one + one);
+    EXPECT_EQ(bytes.toHex(' '), QByteArray("00 00 00 0a 00 00 00 00 00 00 00 0a 00 00 00 0d"));
+}
+
+TEST_F(RecordFormat, StreamWithoutAFileWritesPositionZeroAndLogs)
+{
+    LogCapture log;
+    TSFileStorage s = storageOf(QMetaType::QString);
+    QBuffer buffer;
+    buffer.open(QIODevice::ReadWrite);
+    QDataStream stream(&buffer);
+    s.writeDataRecord(stream, {5, QStringLiteral("x")}, 0, TSFileInfo::DEPTH_DAY);
+    EXPECT_EQ(buffer.data().toHex(), QByteArray("0000000500000000"));
+    EXPECT_EQ(log.count(QStringLiteral("for write (writeDataRecord)")), 1);
+}
+
+TEST_F(RecordFormat, BinarySearchLeavesTheDeviceOnTheLastProbedRecord)
+{
+    TSFileStorage s = storageOf(QMetaType::Double);
+    write(s, {{100, 1.0}, {200, 2.0}, {300, 3.0}}, 0, TSFileInfo::DEPTH_DAY);
+    QFile file(path);
+    file.open(QIODevice::ReadOnly);
+    QDataStream stream(&file);
+    ASSERT_EQ(file.size(), 36);
+    auto seek = [&](long long offset) { return s.seekToTsOffsetPos(stream, 36, offset, 4, TSFileInfo::DEPTH_DAY); };
+    EXPECT_EQ(seek(200), 12);
+    EXPECT_EQ(file.pos(), 12);
+    // Probes 1 (200 > 150), then 0 (100 < 150): the last probe is the first record.
+    EXPECT_EQ(seek(150), 0);
+    EXPECT_EQ(seek(250), 24);
+    EXPECT_EQ(seek(999), 24);
+    EXPECT_EQ(seek(0), 0);
+    file.seek(0);
+    EXPECT_EQ(s.seekToTsOffsetPos(stream, 0, 5, 4, TSFileInfo::DEPTH_DAY), 0);
+}
+
+TEST_F(RecordFormat, LastRecordIsTheOneEndingAtTheEndOfTheFile)
+{
+    TSFileStorage s = storageOf(QMetaType::Int);
+    write(s, {{1, 11}, {2, 22}}, 0, TSFileInfo::DEPTH_DAY);
+    Kel::test::writeBytes(path, readBytes(path) + QByteArray::fromHex("0000"));
+    QFile file(path);
+    file.open(QIODevice::ReadOnly);
+    QDataStream stream(&file);
+    const Record r = s.readLastDataRecord(stream, file.size(), 0, TSFileInfo::DEPTH_DAY);
+    // The 8 bytes before the end: the tail of the second record and 2 stray bytes.
+    EXPECT_EQ(r.timestamp, 0x00020000);
+    EXPECT_EQ(r.value.toInt(), 0x00160000);
+    EXPECT_EQ(file.pos(), file.size());
+}
+
+TEST_F(RecordFormat, BulkEncodingMatchesTheStreamBytes)
+{
+    const QMetaType::Type types[] = {QMetaType::Bool, QMetaType::Char, QMetaType::UChar,
+                                     QMetaType::Short, QMetaType::UShort, QMetaType::Int,
+                                     QMetaType::UInt, QMetaType::LongLong, QMetaType::ULongLong,
+                                     QMetaType::Double, QMetaType::Float};
+    for (QMetaType::Type type : types) {
+        for (int depth = 0; depth < 5; ++depth) {
+            QFile::remove(path);
+            TSFileStorage s = storageOf(type);
+            const Record rec{41234, QVariant(-1234.75)};
+            const QByteArray streamed = write(s, {rec}, 1000, TSFileInfo::DirDepth(depth));
+            const Kel::detail::RecordLayout layout(type, depth);
+            QByteArray bulk(layout.stride, '\0');
+            auto* p = reinterpret_cast<uchar*>(bulk.data());
+            Kel::detail::encodeOffset(p, 40234, layout.offsetWidth);
+            Kel::detail::encodeValue(p + layout.offsetWidth, rec.value, type);
+            EXPECT_EQ(bulk.toHex(), streamed.toHex()) << "type " << type << " depth " << depth;
+        }
+    }
+}

@@ -1,0 +1,33 @@
+// Helpers shared by the tests: captured log lines, scratch trees and bytes.
+#pragma once
+
+#include "KelLogger.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QTemporaryDir>
+
+#include <vector>
+
+namespace Kel::test {
+
+// Collects every log line while it lives.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    int count(const QString& containing) const;
+    bool contains(const QString& containing) const { return count(containing) > 0; }
+    std::vector<LogEntry> entries;
+};
+
+// Milliseconds since the epoch of an ISO 8601 UTC text such as "2024-05-07T09:03:00Z".
+long long ms(const char* iso);
+
+QByteArray readBytes(const QString& path);
+void writeBytes(const QString& path, const QByteArray& bytes);
+// Creates an empty file (and its parent directories).
+void touch(const QString& path);
+void makeDir(const QString& path);
+
+} // namespace Kel::test

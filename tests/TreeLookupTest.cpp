@@ -1,0 +1,153 @@
+#include "TSDirControl.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+using Kel::TSDirControl;
+using Kel::TSFileInfo;
+using Kel::test::makeDir;
+using Kel::test::ms;
+using Kel::test::touch;
+
+// Each test builds a small tree by hand under a scratch base directory.
+class TreeLookup : public ::testing::Test {
+protected:
+    QString at(const char* rel) const { return base + QLatin1String(rel); }
+    // The path of an info relative to the base directory ("" for an empty info).
+    QString rel(const TSFileInfo& info) const
+    {
+        return info.filePath().startsWith(base) ? info.filePath().mid(base.size()) : info.filePath();
+    }
+
+    QTemporaryDir tmp;
+    QString base = tmp.path() + QStringLiteral("/");
+    TSDirControl tree{base};
+};
+
+TEST_F(TreeLookup, YearFileHoldsItsYearAndNamesTheNextOneWhereItWouldGo)
+{
+    touch(at("2024"));
+
+    const TSFileInfo hit = tree.findFile(ms("2024-05-07T09:03:00Z"));
+    EXPECT_TRUE(hit.found());
+    EXPECT_EQ(rel(hit), QStringLiteral("2024"));
+
+    const TSFileInfo miss = tree.findFile(ms("2025-01-02T00:00:00Z"));
+    EXPECT_FALSE(miss.found());
+    EXPECT_EQ(rel(miss), QStringLiteral("2025"));
+    EXPECT_EQ(miss.getSubDir(), QString());
+}
+
+TEST_F(TreeLookup, DescendsIntoDirectoriesUntilAFileOrAGap)
+{
+    touch(at("2024/05"));
+
+    const TSFileInfo hit = tree.findFile(ms("2024-05-17T12:00:00Z"));
+    EXPECT_TRUE(hit.found());
+    EXPECT_EQ(hit.getDirDepth(), TSFileInfo::DEPTH_MONTH);
+
+    const TSFileInfo miss = tree.findFile(ms("2024-06-01T00:00:00Z"));
+    EXPECT_FALSE(miss.found());
+    EXPECT_EQ(rel(miss), QStringLiteral("2024/06"));
+    EXPECT_EQ(miss.getSubDir(), QStringLiteral("2024/"));
+}
+
+TEST_F(TreeLookup, MinuteDirectoryFallsBackToTheYearDirectory)
+{
+    makeDir(at("2024/05/07/09/03"));
+    const TSFileInfo info = tree.findFile(ms("2024-05-07T09:03:10Z"));
+    EXPECT_FALSE(info.found());
+    EXPECT_EQ(rel(info), QStringLiteral("2024"));
+    EXPECT_EQ(info.getSubDir(), QString());
+}
+
+TEST_F(TreeLookup, FirstLastPrevAndNextAcrossFilesAndDirectoriesSideBySide)
+{
+    touch(at("2023"));
+    touch(at("2024/01"));
+    touch(at("2024/02"));
+    touch(at("2024/02.var"));
+
+    EXPECT_EQ(rel(tree.findFirstFile()), QStringLiteral("2023"));
+    EXPECT_EQ(rel(tree.findLastFile()), QStringLiteral("2024/02"));
+
+    const TSFileInfo y2023 = tree.findFirstFile();
+    const TSFileInfo jan = tree.findNextFile(y2023);
+    EXPECT_EQ(rel(jan), QStringLiteral("2024/01"));
+    EXPECT_EQ(jan.getSubDir(), QStringLiteral("2024/"));
+    EXPECT_EQ(rel(tree.findPrevFile(jan)), QStringLiteral("2023"));
+    EXPECT_EQ(rel(tree.findNextFile(jan)), QStringLiteral("2024/02"));
+    EXPECT_FALSE(tree.findNextFile(tree.findLastFile()).found());
+    EXPECT_TRUE(tree.findNextFile(tree.findLastFile()).filePath().isEmpty());
+    EXPECT_TRUE(tree.findPrevFile(y2023).filePath().isEmpty());
+}
+
+TEST_F(TreeLookup, NeighboursOfAMissingFileAreTheFilesAroundItsPlace)
+{
+    touch(at("2024/02"));
+    touch(at("2024/04"));
+
+    const TSFileInfo march = tree.findFile(ms("2024-03-10T00:00:00Z"));
+    ASSERT_FALSE(march.found());
+    EXPECT_EQ(rel(tree.findNextFile(march)), QStringLiteral("2024/04"));
+    EXPECT_EQ(rel(tree.findPrevFile(march)), QStringLiteral("2024/02"));
+}
+
+TEST_F(TreeLookup, NeighbourInAnotherBranchIsTheNearestFileOfThatPeriod)
+{
+    touch(at("2023/12/30"));
+    touch(at("2023/12/31/22"));
+    touch(at("2023/12/31/23"));
+    touch(at("2024/01/01"));
+
+    const TSFileInfo lastOf2023 = tree.findFile(ms("2023-12-31T23:30:00Z"));
+    ASSERT_TRUE(lastOf2023.found());
+    EXPECT_EQ(rel(tree.findNextFile(lastOf2023)), QStringLiteral("2024/01/01"));
+    EXPECT_EQ(rel(tree.findPrevFile(tree.findFile(ms("2024-01-01T05:00:00Z")))),
+              QStringLiteral("2023/12/31/23"));
+    EXPECT_EQ(rel(tree.findPrevFile(tree.findFile(ms("2023-12-31T22:00:00Z")))),
+              QStringLiteral("2023/12/30"));
+}
+
+TEST_F(TreeLookup, EmptyDirectoryEndsTheSearch)
+{
+    touch(at("2024/06"));
+    makeDir(at("2024/07"));
+    touch(at("2024/08"));
+
+    EXPECT_TRUE(tree.findNextFile(tree.findFile(ms("2024-06-15T00:00:00Z"))).filePath().isEmpty());
+
+    makeDir(at("2025"));
+    EXPECT_TRUE(tree.findLastFile().filePath().isEmpty());
+}
+
+TEST_F(TreeLookup, NamesOfOtherLengthsAreIgnored)
+{
+    touch(at("2024.var"));
+    touch(at("notes.txt"));
+    touch(at("7"));
+    touch(at("12345"));
+    EXPECT_TRUE(tree.findFirstFile().filePath().isEmpty());
+
+    touch(at("2024"));
+    EXPECT_EQ(rel(tree.findFirstFile()), QStringLiteral("2024"));
+    EXPECT_EQ(rel(tree.findLastFile()), QStringLiteral("2024"));
+}
+
+TEST_F(TreeLookup, MissingBaseDirectoryFindsNothing)
+{
+    TSDirControl missing(base + QStringLiteral("nothing/here"));
+    EXPECT_TRUE(missing.findFirstFile().filePath().isEmpty());
+    const TSFileInfo info = missing.findFile(ms("2024-01-01T00:00:00Z"));
+    EXPECT_FALSE(info.found());
+    EXPECT_TRUE(info.filePath().endsWith(QStringLiteral("nothing/here/2024")));
+    EXPECT_TRUE(missing.findNextFile(info).filePath().isEmpty());
+    EXPECT_TRUE(missing.findNextFile(TSFileInfo()).filePath().isEmpty());
+}
+
+TEST_F(TreeLookup, InstantsOutsideTheYearsOfTheTreeFindNothing)
+{
+    EXPECT_TRUE(tree.findFile(ms("9999-12-31T23:59:59Z") + 1000).filePath().isEmpty());
+    EXPECT_TRUE(tree.findFile(std::numeric_limits<long long>::min()).filePath().isEmpty());
+    EXPECT_EQ(rel(tree.findFile(-1)), QStringLiteral("1969"));
+}
