@@ -81,6 +81,7 @@ public:
     void checkLimit();
     bool needsPreviousDataRecords();
     bool needsDataRecordAfterRangeEnd();
+    bool passesRawRecordsThrough() const;
 
     // Intervals
     long long alignSpecialStartTimestamp(long long timestamp);

@@ -79,17 +79,39 @@ private:
     bool failed = false;
 };
 
+// Where encoded records put the values of variable types: each value is
+// serialised and its position in the side file handed back.
+class VarSink {
+public:
+    virtual ~VarSink() = default;
+    virtual qint32 append(const QVariant& value) = 0;
+};
+
+// Serialised values in memory, positioned as if appended to a side file of
+// startSize bytes.
+class VarBuffer : public VarSink {
+public:
+    explicit VarBuffer(qint64 startSize = 0);
+    qint32 append(const QVariant& value) override;
+    const QByteArray& bytes() const { return data; }
+
+private:
+    qint64 startSize;
+    QByteArray data;
+    QDataStream stream;
+};
+
 // Values appended to one side file. Positions are handed out at once; the
 // serialised values are written by flush(), before the records that refer to
 // them. When the side file cannot be opened the records get position 0.
-class VarFileWriter {
+class VarFileWriter : public VarSink {
 public:
     VarFileWriter(TSFileStorage& storage, QString varPath);
-    ~VarFileWriter();
+    ~VarFileWriter() override;
     VarFileWriter(const VarFileWriter&) = delete;
     VarFileWriter& operator=(const VarFileWriter&) = delete;
 
-    qint32 append(const QVariant& value);
+    qint32 append(const QVariant& value) override;
     bool flush();
 
 private:
@@ -98,9 +120,7 @@ private:
     TSFileStorage& storage;
     QString path;
     std::unique_ptr<QFile> file;
-    QByteArray pending;
-    std::unique_ptr<QDataStream> pendingStream;
-    qint64 startSize = 0;
+    std::unique_ptr<VarBuffer> buffer;
     bool failed = false;
 };
 

@@ -208,6 +208,16 @@ QVariant readVariant(QDataStream& stream)
 
 void writeVariant(QDataStream& stream, const QVariant& value)
 {
+    // A type that Qt cannot serialise is stored as no value rather than
+    // leaving a record that points at nothing.
+    if (value.isValid() && !value.metaType().hasRegisteredDataStreamOperators()) {
+        storageLog(LOG_WARNING, QStringLiteral("A value of type %1 cannot be stored, kept as no value"),
+                   __LINE__)
+            .arg(QString::fromLatin1(value.metaType().name()))
+            .endl();
+        stream << QVariant();
+        return;
+    }
     stream << value;
 }
 
@@ -241,6 +251,18 @@ QVariant VarFileReader::valueAt(qint32 position)
     return readVariant(*stream);
 }
 
+VarBuffer::VarBuffer(qint64 startSize) : startSize(startSize), stream(&data, QIODevice::WriteOnly)
+{
+    stream.setVersion(QDataStream::Qt_5_13);
+}
+
+qint32 VarBuffer::append(const QVariant& value)
+{
+    const qint32 position = qint32(startSize + data.size());
+    writeVariant(stream, value);
+    return position;
+}
+
 VarFileWriter::VarFileWriter(TSFileStorage& storage, QString varPath)
     : storage(storage), path(std::move(varPath))
 {
@@ -262,9 +284,7 @@ bool VarFileWriter::open()
         failed = true;
         return false;
     }
-    startSize = file->size();
-    pendingStream = std::make_unique<QDataStream>(&pending, QIODevice::WriteOnly);
-    pendingStream->setVersion(QDataStream::Qt_5_13);
+    buffer = std::make_unique<VarBuffer>(file->size());
     return true;
 }
 
@@ -272,25 +292,18 @@ qint32 VarFileWriter::append(const QVariant& value)
 {
     if (failed || (!file && !open()))
         return 0;
-    const qint32 position = qint32(startSize + pending.size());
-    writeVariant(*pendingStream, value);
-    return position;
+    return buffer->append(value);
 }
 
 bool VarFileWriter::flush()
 {
-    if (!file || failed)
+    if (!file)
         return !failed;
-    bool ok = true;
-    if (!pending.isEmpty()) {
-        ok = file->write(pending) == pending.size();
-        startSize += pending.size();
-        pending.clear();
-        pendingStream->device()->seek(0);
-    }
+    const QByteArray& pending = buffer->bytes();
+    const bool ok = pending.isEmpty() || file->write(pending) == pending.size();
     file->close();
     file.reset();
-    pendingStream.reset();
+    buffer.reset();
     return ok;
 }
 

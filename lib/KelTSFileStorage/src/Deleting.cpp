@@ -1,0 +1,168 @@
+// Deleting the records of a closed time range: whole files go with their
+// side files, partly covered files are written anew without the deleted
+// records, and directories left empty are removed, walking upwards.
+
+#include "TSFileStorage.h"
+
+#include "Logging.h"
+#include "MarkerStorage.h"
+#include "RecordFile.h"
+
+#include <QDir>
+
+#include <set>
+
+namespace Kel {
+
+using Record = Interpolate::DataRecord;
+
+namespace {
+
+bool isEmptyDir(const QDir& dir)
+{
+    return dir.exists() && dir.isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
+}
+
+// Removes the directory while it is empty, then its parents while they are.
+void removeEmptyUpwards(QDir dir)
+{
+    while (isEmptyDir(dir)) {
+        const QString name = dir.dirName();
+        if (!dir.cdUp() || !dir.rmdir(name))
+            return;
+    }
+}
+
+void removeWithSideFile(const QString& path)
+{
+    if (!QFile::remove(path))
+        detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not remove '%1'"), __LINE__)
+            .arg(path)
+            .endl();
+    const QString var = path + QStringLiteral(".var");
+    if (QFileInfo::exists(var) && !QFile::remove(var))
+        detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not remove '%1'"), __LINE__)
+            .arg(var)
+            .endl();
+}
+
+// Writes the records of a partly covered file that lie outside [start, end]
+// anew. Returns false when none of them is kept (the whole file goes).
+bool keepOutside(detail::RecordFile& file, long long start, long long end)
+{
+    const qint64 count = file.count();
+    const qint64 first = file.lowerBound(start);
+    const qint64 last = file.upperBound(end);
+    if (first == 0 && last == count)
+        return false;
+    if (first == last)
+        return true;  // nothing in the range: the file stays as it is
+
+    const detail::RecordLayout& layout = file.layout();
+    if (!layout.variable) {
+        QByteArray kept((count - (last - first)) * layout.stride, Qt::Uninitialized);
+        file.readRaw(0, first, kept.data());
+        file.readRaw(last, count - last, kept.data() + first * layout.stride);
+        if (!detail::replaceFile(file.path(), kept))
+            detail::storageLog(detail::LOG_FAILURE,
+                               QStringLiteral("Could not open '%1' for write (deleteDataRecords)"), __LINE__)
+                .arg(file.path())
+                .endl();
+        return true;
+    }
+    // Variable values: the kept records get a side file of their own values
+    // only, as a reorganisation would leave it.
+    std::vector<Record> records(size_t(count - (last - first)));
+    file.readRecords(0, first, records.data());
+    file.readRecords(last, count - last, records.data() + first);
+    detail::VarBuffer var;
+    const detail::RecordEncoder encoder(layout, file.base(), &var);
+    QByteArray data;
+    for (const Record& r : records)
+        encoder.append(data, r);
+    if (!detail::replaceFileAndSideFile(file.path(), data, var.bytes()))
+        detail::storageLog(detail::LOG_FAILURE,
+                           QStringLiteral("Could not open '%1' for write (deleteDataRecords)"), __LINE__)
+            .arg(file.path())
+            .endl();
+    return true;
+}
+
+} // namespace
+
+bool TSFileStorage::deleteDataRecords(long long start, long long end, QString marker)
+{
+    detail::MarkerStorage storage(*this, marker);
+    if (!storage)
+        return true;
+    bool coversFirst = false;
+    bool coversLast = false;
+    if (!adjustTimestamps(storage.get(), start, end, coversFirst, coversLast))
+        return true;
+
+    if (coversFirst && coversLast) {
+        // The whole series goes, and every directory above it that is left
+        // empty.
+        QDir dir(storage->baseDir);
+        dir.removeRecursively();
+        if (dir.cdUp())
+            removeEmptyUpwards(dir);
+        return true;
+    }
+
+    TSFileInfo info = storage->findFile(start);
+    if (!info.found())
+        info = storage->findNextFile(info);
+    if (coversFirst)
+        start = std::min(start, 0LL);
+
+    QStringList doomed;
+    std::set<QString> dirsToTidy;
+    auto removeWhole = [&](const TSFileInfo& f) {
+        doomed.append(f.filePath());
+        dirsToTidy.insert(f.absolutePath());
+    };
+    for (; info.found(); info = storage->findNextFile(info)) {
+        const long long base = info.getBaseTsMs();
+        if (coversLast && base >= start) {
+            removeWhole(info);
+            continue;
+        }
+        detail::RecordFile file(*storage.get(), info);
+        if (!file.open(QIODevice::ReadOnly)) {
+            detail::storageLog(detail::LOG_FAILURE,
+                               QStringLiteral("Could not open '%1' for read (deleteDataRecords)"), __LINE__)
+                .arg(info.filePath())
+                .endl();
+            continue;
+        }
+        const long long lastTs = file.count() > 0 ? file.timestampAt(file.count() - 1) : base;
+        if (lastTs <= end && base >= start) {
+            file.close();
+            removeWhole(info);
+            continue;
+        }
+        const bool kept = keepOutside(file, start, end);
+        file.close();
+        if (!kept)
+            removeWhole(info);
+        if (lastTs > end)
+            break;
+    }
+
+    for (const QString& path : doomed)
+        removeWithSideFile(path);
+    for (const QString& path : dirsToTidy)
+        removeEmptyUpwards(QDir(path));
+    return true;
+}
+
+bool TSFileStorage::deleteDataRecords(long long start, long long end)
+{
+    deleteDataRecords(start, end, QString());
+    deleteDataRecords(start, end, QStringLiteral("P"));
+    deleteDataRecords(start, end, QStringLiteral("O"));
+    return true;
+}
+
+} // namespace Kel

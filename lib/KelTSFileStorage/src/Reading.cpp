@@ -1,0 +1,280 @@
+// Reading and counting ranges. Files are walked strictly in time order from
+// the file that holds the start of the range; records are decoded in blocks
+// and handed to the interpolation engine (or, for plain raw reads, appended
+// to the caller's vector directly). Memory of a read is its output plus one
+// block, never the series.
+
+#include "TSFileStorage.h"
+
+#include "Logging.h"
+#include "MarkerStorage.h"
+#include "RecordFile.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+namespace Kel {
+
+using Record = Interpolate::DataRecord;
+
+namespace {
+
+constexpr qint64 kBlockRecords = 8192;
+
+bool openForRead(detail::RecordFile& file, const QString& failure, int line)
+{
+    if (file.open(QIODevice::ReadOnly))
+        return true;
+    detail::storageLog(detail::LOG_FAILURE, failure, line).arg(file.path()).endl();
+    return false;
+}
+
+// One walk over the files of a read range, feeding what it reads to the
+// engine, to the output directly, or (for "P") joining the back-filled
+// records of the series.
+class RangeWalk {
+public:
+    RangeWalk(TSFileStorage& series, TSFileStorage& storage, Interpolate& engine,
+              std::vector<Record>& out, bool isP, long long readStart, long long readEnd)
+        : series(series), storage(storage), engine(engine), out(out), isP(isP),
+          direct(!isP && engine.passesRawRecordsThrough()), readStart(readStart), readEnd(readEnd)
+    {
+        if (isP)
+            for (const Record& r : out)
+                joined.insert(r.timestamp);
+    }
+
+    void run()
+    {
+        TSFileInfo info = storage.findFile(readStart);
+        if (!info.found())
+            info = storage.findNextFile(info);
+        for (; info.found() && !stopped; info = storage.findNextFile(info)) {
+            detail::RecordFile file(storage, info);
+            if (!openForRead(file, QStringLiteral("Could not open '%1' for read (readDataRecords)"), 1011))
+                continue;
+            const qint64 from = file.base() >= readStart ? 0 : file.lowerBound(readStart);
+            readFile(file, from);
+        }
+    }
+
+private:
+    void readFile(detail::RecordFile& file, qint64 from)
+    {
+        for (qint64 at = from; at < file.count() && !stopped; at += kBlockRecords) {
+            const qint64 n = std::min(kBlockRecords, file.count() - at);
+            if (direct)
+                appendBlock(file, at, n);
+            else
+                feedBlock(file, at, n);
+        }
+    }
+
+    // Raw records go straight from the block into the output.
+    void appendBlock(detail::RecordFile& file, qint64 at, qint64 n)
+    {
+        const size_t old = out.size();
+        out.resize(old + size_t(n));
+        const qint64 got = file.readRecords(at, n, out.data() + old);
+        size_t kept = old;
+        for (size_t i = old; i < old + size_t(got); ++i) {
+            const long long ts = out[i].timestamp;
+            if (ts > readEnd) {
+                stopped = true;
+                break;
+            }
+            if (ts < readStart)
+                continue;
+            if (kept != i)
+                out[kept] = std::move(out[i]);
+            ++kept;
+        }
+        out.resize(kept);
+    }
+
+    void feedBlock(detail::RecordFile& file, qint64 at, qint64 n)
+    {
+        block.resize(size_t(n));
+        const qint64 got = file.readRecords(at, n, block.data());
+        for (qint64 i = 0; i < got && !stopped; ++i)
+            take(std::move(block[size_t(i)]));
+    }
+
+    void take(Record rec)
+    {
+        if (rec.timestamp < readStart)
+            return;
+        if (rec.timestamp > readEnd) {
+            if (!isP && engine.needsDataRecordAfterRangeEnd())
+                engine.handleNextRawRecord(std::move(rec));
+            stopped = true;
+        } else if (!isP) {
+            stopped = !engine.handleNextRawRecord(std::move(rec));
+        } else {
+            joinBackfilled(rec.value.toLongLong());
+        }
+    }
+
+    // A "P" record names a timestamp of the series that was back-filled; the
+    // series' record at that time joins the output once.
+    void joinBackfilled(long long ts)
+    {
+        if (joined.count(ts))
+            return;
+        Record rec;
+        if (series.findDataRecord(ts, rec)) {
+            out.push_back(std::move(rec));
+            joined.insert(ts);
+        }
+    }
+
+    TSFileStorage& series;
+    TSFileStorage& storage;
+    Interpolate& engine;
+    std::vector<Record>& out;
+    const bool isP;
+    const bool direct;
+    const long long readStart;
+    const long long readEnd;
+    bool stopped = false;
+    std::vector<Record> block;
+    std::unordered_set<long long> joined;
+};
+
+long long rawCount(TSFileStorage& storage, long long start, long long end)
+{
+    bool coversFirst = false;
+    bool coversLast = false;
+    if (!storage.adjustTimestamps(&storage, start, end, coversFirst, coversLast))
+        return 0;
+    long long total = 0;
+    TSFileInfo info = storage.findFile(start);
+    if (!info.found())
+        info = storage.findNextFile(info);
+    for (; info.found(); info = storage.findNextFile(info)) {
+        const long long base = info.getBaseTsMs();
+        if (base > end)
+            break;
+        const detail::RecordLayout layout(storage.valueType, info.getDirDepth());
+        if (base >= start && info.getPeriodEndTsMs() - 1 <= end) {
+            // The whole period lies inside the range: the size tells.
+            total += info.size() / layout.stride;
+            continue;
+        }
+        detail::RecordFile file(storage, info);
+        if (!openForRead(file, QStringLiteral("Could not open '%1' for read (getCount)"), 797))
+            continue;
+        total += file.upperBound(end) - file.lowerBound(start);
+    }
+    return total;
+}
+
+} // namespace
+
+bool TSFileStorage::readDataRecordsInt(Interpolate::InterpolateParam param,
+                                       std::vector<Interpolate::InterpolateParam> params,
+                                       long long start, long long end,
+                                       std::vector<Interpolate::DataRecord>& out,
+                                       bool labelAtIntervalStart, int& resultCount, QString marker,
+                                       bool lastFlag)
+{
+    detail::MarkerStorage storage(*this, marker);
+    if (!storage) {
+        resultCount = 0;
+        return true;
+    }
+    checkValidInterval(param.interval, marker);
+    Record first;
+    Record last;
+    if (!storage->getFirstDataRecord(first) || !storage->getLastDataRecord(last)) {
+        resultCount = 0;
+        return true;
+    }
+
+    Interpolate engine(std::move(param), std::move(params), start, end, first.timestamp,
+                       last.timestamp, &out, storage->valueType, labelAtIntervalStart, resultCount,
+                       lastFlag);
+    long long readStart = 0;
+    long long readEnd = 0;
+    const bool inRange = engine.getRange(readStart, readEnd);
+    const bool counted = lastFlag && !out.empty() && out.front().timestamp == 0;
+    if (!inRange || counted) {
+        resultCount = 0;
+    } else {
+        // Only a record that really lies before the range is fed as the
+        // previous one.
+        Record previous;
+        if (engine.needsPreviousDataRecords() &&
+            detail::lastRecordBefore(*storage.get(), readStart, previous))
+            engine.handleNextRawRecord(std::move(previous));
+        RangeWalk(*this, *storage.get(), engine, out, marker == QLatin1String("P"), readStart, readEnd)
+            .run();
+    }
+    engine.finalize();
+    return true;
+}
+
+bool TSFileStorage::readDataRecords(Interpolate::InterpolateParam param,
+                                    std::vector<Interpolate::InterpolateParam> params,
+                                    long long start, long long end,
+                                    std::vector<Interpolate::DataRecord>& out,
+                                    bool labelAtIntervalStart, int& resultCount,
+                                    std::vector<Interpolate::DataRecord>* pRecords,
+                                    std::unordered_map<long long, QVariant>* oMap)
+{
+    if (!readDataRecordsInt(param, params, start, end, out, labelAtIntervalStart, resultCount,
+                            QString(), false))
+        return false;
+    // The companions are read with the same request; the caller's count
+    // stays that of the series' own read.
+    if (pRecords) {
+        int count = resultCount;
+        readDataRecordsInt(param, params, start, end, *pRecords, labelAtIntervalStart, count,
+                           QStringLiteral("P"), false);
+        std::stable_sort(pRecords->begin(), pRecords->end(),
+                         [](const Record& a, const Record& b) { return a.timestamp < b.timestamp; });
+    }
+    if (oMap) {
+        int count = resultCount;
+        std::vector<Record> replaced;
+        readDataRecordsInt(param, params, start, end, replaced, labelAtIntervalStart, count,
+                           QStringLiteral("O"), false);
+        for (Record& r : replaced)
+            (*oMap)[r.timestamp] = std::move(r.value);
+    }
+    return true;
+}
+
+long long TSFileStorage::getCount(Interpolate::InterpolateParam param,
+                                  std::vector<Interpolate::InterpolateParam> params, long long start,
+                                  long long end, bool own, bool withP, bool withO)
+{
+    long long total = 0;
+    if (own)
+        total += getCountInt(param, params, start, end, QString());
+    if (withP)
+        total += getCountInt(param, params, start, end, QStringLiteral("P"));
+    if (withO)
+        total += getCountInt(param, params, start, end, QStringLiteral("O"));
+    return total;
+}
+
+long long TSFileStorage::getCountInt(Interpolate::InterpolateParam param,
+                                     std::vector<Interpolate::InterpolateParam> params,
+                                     long long start, long long end, QString marker)
+{
+    detail::MarkerStorage storage(*this, marker);
+    if (!storage)
+        return 0;
+    if (param.interval == 0)
+        return rawCount(*storage.get(), start, end);
+
+    checkValidInterval(param.interval, marker);
+    std::vector<Record> out;
+    int resultCount = 0;
+    readDataRecordsInt(std::move(param), std::move(params), start, end, out, false, resultCount,
+                       marker, true);
+    return out.empty() ? 0 : out.front().value.toLongLong();
+}
+
+} // namespace Kel

@@ -1,0 +1,114 @@
+// RecordFile: one storage file opened for bulk work. Records are read and
+// written in whole-record blocks through a page-aligned buffer, positions are
+// counted in records, and a partial record at the end of the file (left by an
+// interrupted append) is never read.
+#pragma once
+
+#include "RecordCodec.h"
+#include "TSFileInfo.h"
+
+#include <QByteArray>
+#include <QFile>
+
+#include <memory>
+
+namespace Kel {
+class TSFileStorage;
+}
+
+namespace Kel::detail {
+
+// Encodes records of one file into bytes; values of variable types go to the
+// side file through the given writer.
+class RecordEncoder {
+public:
+    RecordEncoder(const RecordLayout& layout, long long base, VarSink* var)
+        : layout(layout), base(base), var(var)
+    {
+    }
+    void encode(uchar* p, const Interpolate::DataRecord& rec) const;
+    void append(QByteArray& out, const Interpolate::DataRecord& rec) const;
+
+private:
+    RecordLayout layout;
+    long long base;
+    VarSink* var;
+};
+
+class RecordFile {
+public:
+    RecordFile(TSFileStorage& storage, TSFileInfo info);
+    ~RecordFile();
+    RecordFile(const RecordFile&) = delete;
+    RecordFile& operator=(const RecordFile&) = delete;
+
+    // Opens through the storage's retrying open; the caller logs a failure.
+    bool open(QIODevice::OpenMode mode);
+    void close();
+
+    const TSFileInfo& info() const { return fileInfo; }
+    const RecordLayout& layout() const { return recordLayout; }
+    long long base() const { return baseTs; }
+    QString path() const { return fileInfo.filePath(); }
+    QString varPath() const { return fileInfo.filePath() + QStringLiteral(".var"); }
+
+    qint64 size() const { return fileSize; }
+    // Whole records in the file.
+    qint64 count() const { return fileSize / recordLayout.stride; }
+    // Bytes of a partial record at the end.
+    qint64 tailBytes() const { return fileSize % recordLayout.stride; }
+
+    long long timestampAt(qint64 index);
+    Interpolate::DataRecord recordAt(qint64 index);
+
+    // The index the storage's binary search probes last for a timestamp: the
+    // exact match when there is one, else a neighbour of its place; -1 for an
+    // empty file.
+    qint64 probe(long long ts);
+    // First index whose timestamp is not below ts (count() when none).
+    qint64 lowerBound(long long ts);
+    // First index whose timestamp is above ts (count() when none).
+    qint64 upperBound(long long ts);
+
+    // Decodes records [from, from + n) into out; returns how many were read.
+    qint64 readRecords(qint64 from, qint64 n, Interpolate::DataRecord* out);
+    // Copies the bytes of records [from, from + n) to out.
+    bool readRaw(qint64 from, qint64 n, char* out);
+    // The value of a record's value field.
+    QVariant valueOf(const uchar* field);
+
+    bool writeAt(qint64 byteOffset, const char* data, qint64 n);
+    // Cuts a partial record off the end of the file.
+    bool dropTail();
+
+private:
+    bool readBytes(qint64 offset, char* out, qint64 n);
+
+    TSFileStorage& storage;
+    TSFileInfo fileInfo;
+    RecordLayout recordLayout;
+    long long baseTs;
+    QFile file;
+    qint64 fileSize = 0;
+    std::unique_ptr<VarFileReader> var;
+    struct FreeDeleter { void operator()(void* p) const; };
+    std::unique_ptr<uchar, FreeDeleter> buffer;
+    qint64 bufferRecords = 0;
+};
+
+// Where a rewritten file's new contents are written before they replace it.
+QString rewritePath(const QString& path);
+
+// Writes data to rewritePath(path) and renames it over path, so that the
+// file holds either its old or its new contents, whenever the process stops.
+bool replaceFile(const QString& path, const QByteArray& data);
+
+// Replaces a storage file and its side file together: both new contents are
+// written beside them first, then the storage file is renamed into place and
+// the side file after it. recoverRewrite() undoes a replacement stopped before
+// the first rename and completes one stopped after it, so that the pair always
+// comes back as either the old or the new one.
+bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const QByteArray& varData);
+void recoverRewrite(const QString& path);
+
+} // namespace Kel::detail

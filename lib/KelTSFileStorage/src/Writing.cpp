@@ -1,0 +1,437 @@
+// Writing batches of records. The batch is sorted and walked file by file;
+// each file takes its share of the batch in one pass: appended at the end in
+// place, or merged with the stored records and written once beside the old
+// file and renamed over it. A stored record with the same timestamp is
+// overwritten (its old value logged and, on request, kept in the "O"
+// companion); records that arrive at or before the series' end are logged
+// as back-filled in the "P" companion.
+
+#include "TSFileStorage.h"
+
+#include "Calendar.h"
+#include "Logging.h"
+#include "RecordFile.h"
+
+#include <Poco/DateTimeFormat.h>
+#include <Poco/DateTimeFormatter.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace Kel {
+
+using Record = Interpolate::DataRecord;
+
+namespace {
+
+// Batch order: by timestamp, then by value (NaN last), input order kept
+// among equals.
+bool batchLess(const Record& a, const Record& b)
+{
+    if (a.timestamp != b.timestamp)
+        return a.timestamp < b.timestamp;
+    const double x = a.value.toDouble();
+    const double y = b.value.toDouble();
+    return std::isnan(y) ? !std::isnan(x) : x < y;
+}
+
+void sortBatch(std::vector<Record>& records)
+{
+    if (!std::is_sorted(records.begin(), records.end(), batchLess))
+        std::stable_sort(records.begin(), records.end(), batchLess);
+}
+
+QString companionDir(const TSFileStorage& series, const char* marker)
+{
+    return series.baseDir.chopped(1) + QLatin1String(marker) + u'/';
+}
+
+// Logs back-filled timestamps in "P", an append-only series whose values are
+// the timestamps of the series that were written at or before its end, stamped
+// with the time of the write (to the second). The first gets that time, or one
+// ms later when "P" already holds a record at or after it; all others one ms
+// later, side by side.
+void logBackfill(TSFileStorage& series, const std::vector<long long>& backfilled)
+{
+    TSFileStorage log(companionDir(series, "P"), QMetaType::LongLong, series.maxFileSize);
+    const long long now = detail::nowWholeSecondMs();
+    std::vector<Record> existing;
+    int limit = 1;
+    log.readDataRecords(Interpolate::InterpolateParam(), {}, now, TSFileStorage::TS_LAST_RECORD,
+                        existing, false, limit);
+    std::vector<Record> records;
+    records.reserve(backfilled.size());
+    for (size_t i = 0; i < backfilled.size(); ++i)
+        records.push_back({now + (i == 0 && existing.empty() ? 0 : 1), QVariant(qlonglong(backfilled[i]))});
+    log.writeDataRecordsInt(std::move(records), false, false, true);
+}
+
+// Keeps replaced values in "O": one record per write time (ms), holding a map
+// from the decimal timestamp of each overwritten record to the value it held
+// before. A record overwritten twice keeps its earliest value.
+void logOverwritten(TSFileStorage& series, const std::vector<Record>& overwritten)
+{
+    TSFileStorage log(companionDir(series, "O"), QMetaType::QVariant, series.maxFileSize);
+    const long long now = detail::nowMs();
+    std::vector<Record> existing;
+    int noLimit = 0;
+    log.readDataRecords(Interpolate::InterpolateParam(), {}, now, now, existing, false, noLimit);
+    QVariantMap replaced = existing.empty() ? QVariantMap() : existing.front().value.toMap();
+    for (const Record& r : overwritten) {
+        const QString key = QString::number(r.timestamp, 10);
+        if (!replaced.contains(key))
+            replaced.insert(key, r.value);
+    }
+    log.writeDataRecordsInt({{now, QVariant(replaced)}}, false, false, false);
+}
+
+QString isoTime(long long ms)
+{
+    return QString::fromStdString(Poco::DateTimeFormatter::format(
+        Poco::Timestamp(Poco::Timestamp::TimeVal(ms) * 1000), Poco::DateTimeFormat::ISO8601_FORMAT));
+}
+
+} // namespace
+
+// Applies the share of one batch that falls into one storage file.
+class FileBatchWriter {
+public:
+    FileBatchWriter(TSFileStorage& storage, const TSFileInfo& info, bool appendOnly,
+                    std::vector<Record>* overwritten)
+        : storage(storage),
+          file(storage, info),
+          isNew(!info.found()),
+          appendOnly(appendOnly),
+          overwritten(overwritten),
+          logOverwrites(!storage.baseDir.endsWith(QLatin1String("/V/"))),
+          var(storage, file.varPath()),
+          encoder(file.layout(), file.base(), file.layout().variable ? &var : nullptr)
+    {
+    }
+
+    // False when the file could not be opened or written.
+    bool write(const Record* first, const Record* last)
+    {
+        if (!open())
+            return false;
+        const bool append = isNew || appendOnly || file.count() == 0 ||
+                            file.timestampAt(file.count() - 1) < first->timestamp;
+        const bool written = append ? appendAll(first, last) : merge(first, last);
+        file.close();
+        if (!written)
+            detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not write '%1' (writeDataRecords)"),
+                               __LINE__)
+                .arg(file.path())
+                .endl();
+        return written;
+    }
+
+    // Whether a stored variable value was replaced, leaving dead data in the
+    // side file.
+    bool replacedVariableValue() const { return varOverwritten; }
+
+private:
+    // The value stored at one timestamp while a run of batch records with
+    // that timestamp is applied to it.
+    struct Slot {
+        bool present = false;
+        QVariant value;
+        QByteArray bytes;  // the encoded record
+    };
+
+    bool open()
+    {
+        if (isNew)
+            storage.checkDirectory(file.info().absoluteDir());
+        if (file.open(QIODevice::ReadWrite)) {
+            dropPartialRecord();
+            return true;
+        }
+        if (isNew)
+            detail::storageLog(detail::LOG_FAILURE,
+                               QStringLiteral("Could not open '%1' for write (writeDataRecords)"), 1349)
+                .arg(file.path())
+                .endl();
+        else
+            detail::storageLog(detail::LOG_FAILURE,
+                               QStringLiteral("Could not open '%1' for read/write (writeDataRecords)"), 1362)
+                .arg(file.path())
+                .endl();
+        return false;
+    }
+
+    // An append that was cut short leaves part of a record at the end; it
+    // is dropped before anything is added behind it.
+    void dropPartialRecord()
+    {
+        const qint64 tail = file.tailBytes();
+        if (tail == 0)
+            return;
+        if (file.dropTail())
+            detail::storageLog(detail::LOG_WARNING,
+                               QStringLiteral("Dropped %1 bytes of a partial record at the end of '%2'"),
+                               __LINE__)
+                .arg(tail)
+                .arg(file.path())
+                .endl();
+    }
+
+    // Applies batch records of one timestamp in batch order: each one that
+    // differs from the value stored so far is written over it.
+    void applyRun(const Record* first, const Record* last, Slot& slot)
+    {
+        const int stride = file.layout().stride;
+        for (const Record* r = first; r != last; ++r) {
+            if (slot.present && slot.value == r->value)
+                continue;
+            if (slot.present)
+                noteOverwrite(r->timestamp, slot.value, r->value);
+            slot.bytes.resize(stride);
+            auto* bytes = reinterpret_cast<uchar*>(slot.bytes.data());
+            encoder.encode(bytes, *r);
+            slot.value = storedValue(bytes, *r);
+            slot.present = true;
+        }
+    }
+
+    // The value as a reader will get it back: converted to the series' type.
+    QVariant storedValue(const uchar* bytes, const Record& written) const
+    {
+        if (file.layout().variable)
+            return written.value;
+        QVariant v;
+        detail::decodeValue(bytes + file.layout().offsetWidth, file.layout().type, v);
+        return v;
+    }
+
+    void noteOverwrite(long long ts, const QVariant& oldValue, const QVariant& newValue)
+    {
+        if (logOverwrites) {
+            try {
+                detail::storageLog(detail::LOG_WARNING,
+                                   QStringLiteral("Value on '%1' overwritten on time stamp %2 old:%3, new:%4"),
+                                   1414)
+                    .arg(storage.baseDir)
+                    .arg(isoTime(ts))
+                    .arg(oldValue.toString())
+                    .arg(newValue.toString())
+                    .endl();
+            } catch (const std::exception& e) {
+                detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Exception on log overwritten: '%1'"), 1425)
+                    .arg(QString::fromLocal8Bit(e.what()))
+                    .endl();
+            }
+        }
+        if (overwritten)
+            overwritten->push_back({ts, oldValue});
+        if (file.layout().variable)
+            varOverwritten = true;
+    }
+
+    // Runs of equal timestamps; appendOnly writes every record as its own.
+    const Record* runEnd(const Record* first, const Record* last) const
+    {
+        const Record* r = first + 1;
+        if (!appendOnly)
+            while (r != last && r->timestamp == first->timestamp)
+                ++r;
+        return r;
+    }
+
+    bool appendAll(const Record* first, const Record* last)
+    {
+        QByteArray out;
+        out.reserve((last - first) * file.layout().stride);
+        for (const Record* run = first; run != last;) {
+            const Record* end = runEnd(run, last);
+            Slot slot;
+            applyRun(run, end, slot);
+            out += slot.bytes;
+            run = end;
+        }
+        return finishVar() && file.writeAt(file.size(), out.constData(), out.size());
+    }
+
+    // Merges the batch with the stored records. Overwrites and records after
+    // the last stored one are written in place; a record that falls between
+    // stored ones makes the whole file be written anew beside the old one.
+    bool merge(const Record* first, const Record* last)
+    {
+        struct Placement {
+            const Record* run;
+            const Record* runEnd;
+            qint64 index;   // lower bound among the stored records
+            bool stored;    // a stored record has this timestamp
+        };
+        std::vector<Placement> places;
+        const qint64 count = file.count();
+        bool inserts = false;
+        qint64 from = 0;
+        for (const Record* run = first; run != last;) {
+            const Record* end = runEnd(run, last);
+            const qint64 index = lowerBoundFrom(from, run->timestamp);
+            const bool stored = index < count && file.timestampAt(index) == run->timestamp;
+            inserts = inserts || (!stored && index < count);
+            places.push_back({run, end, index, stored});
+            from = index;
+            run = end;
+        }
+        return inserts ? rewrite(places) : patchInPlace(places);
+    }
+
+    qint64 lowerBoundFrom(qint64 lo, long long ts)
+    {
+        qint64 hi = file.count();
+        while (lo < hi) {
+            const qint64 mid = (lo + hi) >> 1;
+            if (file.timestampAt(mid) < ts)
+                lo = mid + 1;
+            else
+                hi = mid;
+        }
+        return lo;
+    }
+
+    Slot storedSlot(const uchar* bytes)
+    {
+        const detail::RecordLayout& l = file.layout();
+        Slot slot;
+        slot.present = true;
+        slot.value = file.valueOf(bytes + l.offsetWidth);
+        slot.bytes = QByteArray(reinterpret_cast<const char*>(bytes), l.stride);
+        return slot;
+    }
+
+    template <typename Places>
+    bool patchInPlace(const Places& places)
+    {
+        const int stride = file.layout().stride;
+        std::vector<std::pair<qint64, QByteArray>> patches;
+        QByteArray tail;
+        QByteArray raw(stride, '\0');
+        for (const auto& p : places) {
+            if (p.stored) {
+                file.readRaw(p.index, 1, raw.data());
+                Slot slot = storedSlot(reinterpret_cast<const uchar*>(raw.constData()));
+                const QByteArray before = slot.bytes;
+                applyRun(p.run, p.runEnd, slot);
+                if (slot.bytes != before)
+                    patches.emplace_back(p.index * stride, slot.bytes);
+            } else {
+                Slot slot;
+                applyRun(p.run, p.runEnd, slot);
+                tail += slot.bytes;
+            }
+        }
+        bool ok = finishVar();
+        for (const auto& [offset, bytes] : patches)
+            ok = file.writeAt(offset, bytes.constData(), bytes.size()) && ok;
+        return file.writeAt(file.count() * stride, tail.constData(), tail.size()) && ok;
+    }
+
+    template <typename Places>
+    bool rewrite(const Places& places)
+    {
+        const int stride = file.layout().stride;
+        const qint64 count = file.count();
+        QByteArray old(count * stride, Qt::Uninitialized);
+        file.readRaw(0, count, old.data());
+        QByteArray out;
+        out.reserve(old.size() + qsizetype(places.size()) * stride);
+        qint64 copied = 0;
+        for (const auto& p : places) {
+            out.append(old.constData() + copied * stride, (p.index - copied) * stride);
+            copied = p.index;
+            Slot slot;
+            if (p.stored) {
+                slot = storedSlot(reinterpret_cast<const uchar*>(old.constData() + p.index * stride));
+                ++copied;
+            }
+            applyRun(p.run, p.runEnd, slot);
+            out += slot.bytes;
+        }
+        out.append(old.constData() + copied * stride, (count - copied) * stride);
+        return finishVar() && detail::replaceFile(file.path(), out);
+    }
+
+    // Values reach the side file before the records that refer to them.
+    bool finishVar() { return !file.layout().variable || var.flush(); }
+
+    TSFileStorage& storage;
+    detail::RecordFile file;
+    bool isNew;
+    bool appendOnly;
+    std::vector<Record>* overwritten;
+    bool logOverwrites;
+    bool varOverwritten = false;
+    detail::VarFileWriter var;
+    detail::RecordEncoder encoder;
+};
+
+bool TSFileStorage::writeDataRecords(std::vector<Interpolate::DataRecord> records,
+                                     bool collectBackfill, bool collectOverwritten)
+{
+    return writeDataRecordsInt(std::move(records), collectBackfill, collectOverwritten, false);
+}
+
+bool TSFileStorage::writeDataRecordsInt(std::vector<Interpolate::DataRecord> records,
+                                        bool collectBackfill, bool collectOverwritten,
+                                        bool appendOnly)
+{
+    if (records.empty())
+        return true;
+    long long backfillLimit = 0;
+    if (collectBackfill) {
+        Record last;
+        if (getLastDataRecord(last))
+            backfillLimit = last.timestamp;
+    }
+    sortBatch(records);
+
+    std::vector<long long> backfilled;
+    std::vector<Record> overwritten;
+    bool allPlaced = true;
+    const Record* const end = records.data() + records.size();
+    for (const Record* first = records.data(); first != end;) {
+        const TSFileInfo info = findFile(first->timestamp);
+        if (info.filePath().isEmpty()) {
+            detail::storageLog(detail::LOG_FAILURE,
+                               QStringLiteral("Time stamp %1 lies outside the years 0 to 9999, record not written to '%2'"),
+                               __LINE__)
+                .arg(first->timestamp)
+                .arg(baseDir)
+                .endl();
+            allPlaced = false;
+            ++first;
+            continue;
+        }
+        // The rest of the file's period goes to the same file without asking
+        // the tree again.
+        const long long periodEnd = info.getPeriodEndTsMs();
+        const Record* last = first + 1;
+        while (last != end && last->timestamp < periodEnd)
+            ++last;
+
+        FileBatchWriter writer(*this, info, appendOnly, collectOverwritten ? &overwritten : nullptr);
+        if (!writer.write(first, last))
+            return false;
+        QFile file(info.filePath());
+        if (!checkMaxFileSize(&file, info) && writer.replacedVariableValue())
+            reorgVarFile(&file, info);
+
+        if (collectBackfill)
+            for (const Record* r = first; r != last; ++r)
+                if (r->timestamp <= backfillLimit)
+                    backfilled.push_back(r->timestamp);
+        first = last;
+    }
+
+    if (!backfilled.empty())
+        logBackfill(*this, backfilled);
+    if (!overwritten.empty())
+        logOverwritten(*this, overwritten);
+    return allPlaced;
+}
+
+} // namespace Kel

@@ -1,0 +1,64 @@
+#include "StorageFixture.h"
+
+#include <QDir>
+#include <QDirIterator>
+
+#include <algorithm>
+#include <random>
+
+using namespace Kel::test;
+using Kel::TSFileInfo;
+using Kel::TSFileStorage;
+
+// 200,000 records written in shuffled batches, so that most batches land
+// inside files that already exist, while the size limit splits the year
+// into months, days and, for the denser days, hours.
+class EndToEnd : public StorageFixture {
+protected:
+    void SetUp() override
+    {
+        useSeries(QMetaType::Double, 100000);
+        long long t = ms("2024-03-01T00:00:00Z");
+        for (int i = 0; i < 200000; ++i) {
+            const bool denseDay = ((t - ms("2024-03-01T00:00:00Z")) / 86400000) % 2 == 0;
+            t += denseDay ? 10000 : 20000;
+            expected.push_back({t, 20.0 + 5.0 * std::sin(i / 360.0)});
+        }
+        Records shuffled = expected;
+        std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(7));
+        for (size_t at = 0; at < shuffled.size(); at += 5000)
+            ASSERT_TRUE(write(Records(shuffled.begin() + long(at), shuffled.begin() + long(at + 5000))));
+    }
+
+    std::map<int, int> filesByDepth()
+    {
+        std::map<int, int> depths;
+        QDirIterator it(series->baseDir, QDir::Files, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            const QString path = it.next();
+            if (QFileInfo(path).fileName().size() == 2)
+                ++depths[int(path.mid(series->baseDir.size()).count(u'/'))];
+        }
+        return depths;
+    }
+
+    Records expected;
+};
+
+TEST_F(EndToEnd, ShuffledBatchesReadBackExactly)
+{
+    const std::map<int, int> depths = filesByDepth();
+    EXPECT_GT(depths.count(TSFileInfo::DEPTH_DAY), 0u);
+    EXPECT_GT(depths.count(TSFileInfo::DEPTH_HOUR), 0u);
+
+    const Records back = read(0, ms("2100-01-01T00:00:00Z"));
+    ASSERT_EQ(back.size(), expected.size());
+    for (size_t i = 0; i < back.size(); ++i) {
+        ASSERT_EQ(back[i].timestamp, expected[i].timestamp) << i;
+        ASSERT_EQ(back[i].value.toDouble(), expected[i].value.toDouble()) << i;
+    }
+    EXPECT_EQ(series->getCount({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, true, false, false),
+              200000);
+    const long long from = expected[12345].timestamp, to = expected[123456].timestamp;
+    EXPECT_EQ(series->getCount({}, {}, from, to, true, false, false), 123456 - 12345 + 1);
+}

@@ -1,0 +1,109 @@
+#include "StorageFixture.h"
+
+using namespace Kel::test;
+using Kel::TSFileStorage;
+
+class Lookups : public StorageFixture {
+protected:
+    const long long t0 = ms("2024-05-07T00:00:00Z");
+};
+
+TEST_F(Lookups, EmptySeriesFindsNothing)
+{
+    Record rec;
+    EXPECT_FALSE(series->getFirstDataRecord(rec));
+    EXPECT_FALSE(series->getLastDataRecord(rec));
+    EXPECT_FALSE(series->findDataRecord(t0, rec));
+    EXPECT_FALSE(series->findPrevDataRecord(t0, rec));
+    long long start = 0, end = t0;
+    bool first = true, last = true;
+    EXPECT_FALSE(series->adjustTimestamps(series.get(), start, end, first, last));
+    EXPECT_EQ(start, 0);
+    EXPECT_FALSE(first);
+}
+
+TEST_F(Lookups, FirstLastAndExactRecord)
+{
+    write({{t0 + 3000, 3.0}, {t0 + 1000, 1.0}, {t0 + 2000, 2.0}});
+    Record rec;
+    ASSERT_TRUE(series->getFirstDataRecord(rec));
+    EXPECT_EQ(rec.timestamp, t0 + 1000);
+    ASSERT_TRUE(series->getLastDataRecord(rec));
+    EXPECT_EQ(rec.value.toDouble(), 3.0);
+    ASSERT_TRUE(series->findDataRecord(t0 + 2000, rec));
+    EXPECT_EQ(rec.value.toDouble(), 2.0);
+
+    EXPECT_FALSE(series->findDataRecord(t0 + 1500, rec));
+    EXPECT_TRUE(rec.timestamp == t0 + 1000 || rec.timestamp == t0 + 2000);
+}
+
+TEST_F(Lookups, PreviousRecordFollowsTheProbeOfTheSearch)
+{
+    // Four records: the search for t-1 probes index 2 first.
+    write({{t0 + 1000, 1.0}, {t0 + 2000, 2.0}, {t0 + 3000, 3.0}, {t0 + 4000, 4.0}});
+    Record rec;
+    // Probes 2 (3000 > 2999), then 1 (2000 < 2999): ends below, the record before.
+    ASSERT_TRUE(series->findPrevDataRecord(t0 + 3000, rec));
+    EXPECT_EQ(rec.timestamp, t0 + 2000);
+    // Probes 2, 1 (2000 > 1999), then 0 (1000 < 1999): ends below.
+    ASSERT_TRUE(series->findPrevDataRecord(t0 + 2000, rec));
+    EXPECT_EQ(rec.timestamp, t0 + 1000);
+    // Probes 2 (3000 < 3500), then 3 (4000 > 3500): lands on the later record,
+    // whose predecessor lies below t and is not taken.
+    ASSERT_TRUE(series->findPrevDataRecord(t0 + 3501, rec));
+    EXPECT_EQ(rec.timestamp, t0 + 4000);
+    // The first record of the file is returned even though it lies after ts.
+    ASSERT_TRUE(series->findPrevDataRecord(t0 + 500, rec));
+    EXPECT_EQ(rec.timestamp, t0 + 1000);
+}
+
+TEST_F(Lookups, PreviousRecordComesFromAnEarlierFileWhenTheTimeHasNone)
+{
+    useSeries(QMetaType::Double, 30);
+    write({{t0, 1.0}, {t0 + 60000, 2.0}, {t0 + 120000, 3.0}});  // 39 bytes: split into months
+    ASSERT_TRUE(QFileInfo(file(QStringLiteral("2024"))).isDir());
+    Record rec;
+    ASSERT_TRUE(series->findPrevDataRecord(ms("2024-09-01T00:00:00Z"), rec));
+    EXPECT_EQ(rec.timestamp, t0 + 120000);
+    EXPECT_EQ(rec.value.toDouble(), 3.0);
+}
+
+TEST_F(Lookups, RangeIsResolvedAndClampedToTheSeries)
+{
+    write({{t0 + 1000, 1.0}, {t0 + 5000, 5.0}});
+    long long start = TSFileStorage::TS_FIRST_RECORD, end = TSFileStorage::TS_LAST_RECORD;
+    bool coversFirst = false, coversLast = false;
+    EXPECT_TRUE(series->adjustTimestamps(series.get(), start, end, coversFirst, coversLast));
+    EXPECT_EQ(start, t0 + 1000);
+    EXPECT_EQ(end, t0 + 5000);
+    EXPECT_TRUE(coversFirst);
+    EXPECT_TRUE(coversLast);
+
+    start = 0;
+    end = ms("2100-01-01T00:00:00Z");
+    EXPECT_TRUE(series->adjustTimestamps(series.get(), start, end, coversFirst, coversLast));
+    EXPECT_EQ(start, t0 + 1000);
+    EXPECT_EQ(end, t0 + 5000);
+
+    start = t0 + 2000;
+    end = t0 + 3000;
+    EXPECT_TRUE(series->adjustTimestamps(series.get(), start, end, coversFirst, coversLast));
+    EXPECT_FALSE(coversFirst);
+    EXPECT_FALSE(coversLast);
+
+    start = t0 + 9000;
+    end = TSFileStorage::TS_NOW;
+    EXPECT_FALSE(series->adjustTimestamps(series.get(), start, end, coversFirst, coversLast));
+    EXPECT_EQ(end, t0 + 5000);
+}
+
+TEST_F(Lookups, TrailingPartialRecordIsNeverRead)
+{
+    write({{t0 + 1000, 1.0}, {t0 + 2000, 2.0}});
+    const QString path = file(QStringLiteral("2024"));
+    writeBytes(path, readBytes(path) + QByteArray("\x01\x02\x03", 3));
+    Record rec;
+    ASSERT_TRUE(series->getLastDataRecord(rec));
+    EXPECT_EQ(rec.timestamp, t0 + 2000);
+    EXPECT_EQ(rec.value.toDouble(), 2.0);
+}

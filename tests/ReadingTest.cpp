@@ -1,0 +1,91 @@
+#include "StorageFixture.h"
+
+using namespace Kel::test;
+using Kel::TSFileStorage;
+
+// A series of one record a minute over three days, split into day files.
+class Reading : public StorageFixture {
+protected:
+    void SetUp() override
+    {
+        useSeries(QMetaType::Double, 20000);
+        for (int day = 0; day < 3; ++day) {
+            Records batch;
+            for (int m = 0; m < 1440; ++m)
+                batch.push_back({t0 + (day * 1440 + m) * 60000LL, double(day * 1440 + m)});
+            write(batch);
+        }
+    }
+    long long countRaw(long long start, long long end)
+    {
+        return series->getCount({}, {}, start, end, true, false, false);
+    }
+    const long long t0 = ms("2024-05-07T00:00:00Z");
+    const long long last = t0 + (3 * 1440 - 1) * 60000LL;
+};
+
+TEST_F(Reading, WholeSeriesComesBackInOrderAcrossFiles)
+{
+    ASSERT_TRUE(QFileInfo(file(QStringLiteral("2024/05/08"))).isFile());
+    const Records all = read(0, ms("2100-01-01T00:00:00Z"));
+    ASSERT_EQ(all.size(), 3u * 1440);
+    for (size_t i = 0; i < all.size(); ++i) {
+        ASSERT_EQ(all[i].timestamp, t0 + qint64(i) * 60000);
+        ASSERT_EQ(all[i].value.toDouble(), double(i));
+    }
+}
+
+TEST_F(Reading, RangeInsideFilesIsInclusiveAtBothEnds)
+{
+    const long long from = t0 + 1439 * 60000LL;  // last record of the first day
+    const long long to = t0 + 1441 * 60000LL;
+    EXPECT_EQ(timestamps(read(from, to)), (std::vector<long long>{from, from + 60000, to}));
+    EXPECT_EQ(read(from + 1, from + 59999).size(), 0u);
+    EXPECT_EQ(read(ms("2024-05-08T00:00:00Z"), ms("2024-05-08T00:00:00Z")).size(), 1u);
+}
+
+TEST_F(Reading, LimitStopsTheReadAndReportsTheCount)
+{
+    Records out;
+    int count = 5;
+    series->readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, out, false, count);
+    EXPECT_EQ(out.size(), 5u);
+    EXPECT_EQ(count, 5);
+}
+
+TEST_F(Reading, RawCountsAgreeWithReads)
+{
+    EXPECT_EQ(countRaw(TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD), 3 * 1440);
+    EXPECT_EQ(countRaw(0, ms("2100-01-01T00:00:00Z")), 3 * 1440);
+    EXPECT_EQ(countRaw(t0 + 1000 * 60000LL, t0 + 2000 * 60000LL), 1001);
+    EXPECT_EQ(countRaw(t0 + 1000 * 60000LL + 1, t0 + 2000 * 60000LL - 1), 999);
+    EXPECT_EQ(countRaw(ms("2024-05-08T00:00:00Z"), ms("2024-05-08T23:59:59.999Z")), 1440);
+    EXPECT_EQ(countRaw(last + 1, ms("2100-01-01T00:00:00Z")), 0);
+    EXPECT_EQ(series->getCount({}, {}, 0, last, false, false, false), 0);
+}
+
+TEST_F(Reading, PartialRecordAtTheEndIsIgnored)
+{
+    const QString day = file(QStringLiteral("2024/05/09"));
+    writeBytes(day, readBytes(day) + QByteArray(5, '\x7f'));
+    const Records tail = read(last - 60000, TSFileStorage::TS_LAST_RECORD);
+    EXPECT_EQ(timestamps(tail), (std::vector<long long>{last - 60000, last}));
+    EXPECT_EQ(countRaw(TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD), 3 * 1440);
+}
+
+TEST_F(Reading, MissingFilesAreSkippedAndTheWalkGoesOn)
+{
+    QFile::remove(file(QStringLiteral("2024/05/08")));
+    const Records all = read(0, ms("2100-01-01T00:00:00Z"));
+    EXPECT_EQ(all.size(), 2u * 1440);
+    EXPECT_EQ(all[1440].timestamp, ms("2024-05-09T00:00:00Z"));
+}
+
+TEST_F(Reading, VariableValuesComeBackFromTheirSideFiles)
+{
+    useSeries(QMetaType::QString);
+    write({{t0, QStringLiteral("on")}, {t0 + 1, QStringLiteral("off")}});
+    const Records back = read();
+    ASSERT_EQ(back.size(), 2u);
+    EXPECT_EQ(back[1].value.toString(), QStringLiteral("off"));
+}

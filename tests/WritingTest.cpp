@@ -1,0 +1,174 @@
+#include "StorageFixture.h"
+
+#include <QDir>
+
+#include <random>
+
+using namespace Kel::test;
+using Kel::TSFileStorage;
+
+class Writing : public StorageFixture {
+protected:
+    const long long t0 = ms("2024-05-07T09:00:00Z");
+    QString year() const { return file(QStringLiteral("2024")); }
+
+    // The bytes that a single sorted batch of these records produces.
+    QByteArray bytesOf(const Records& records, QMetaType::Type type = QMetaType::Double)
+    {
+        QTemporaryDir other;
+        TSFileStorage fresh(other.path(), type, 1 << 30);
+        fresh.writeDataRecords(records, false, false);
+        return readBytes(fresh.baseDir + QStringLiteral("2024"));
+    }
+};
+
+TEST_F(Writing, BatchInAnyOrderEndsSortedWithTheLargerDuplicateKept)
+{
+    LogCapture log;
+    ASSERT_TRUE(write({{t0 + 2000, 2.0}, {t0, 5.0}, {t0 + 1000, 1.0}, {t0, 3.0}}));
+    const Records back = read();
+    ASSERT_EQ(timestamps(back), (std::vector<long long>{t0, t0 + 1000, t0 + 2000}));
+    EXPECT_EQ(back[0].value.toDouble(), 5.0);
+    ASSERT_EQ(log.count(QStringLiteral("overwritten")), 1);
+    EXPECT_EQ(log.entries[0].message,
+              QStringLiteral("Value on '%1' overwritten on time stamp 2024-05-07T09:00:00Z old:3, new:5")
+                  .arg(series->baseDir));
+    EXPECT_EQ(log.entries[0].level, 4);
+    EXPECT_EQ(log.entries[0].line, 1414);
+}
+
+TEST_F(Writing, EqualValueWritesAndLogsNothing)
+{
+    write({{t0, 1.5}, {t0 + 1000, 2.5}});
+    const QByteArray before = readBytes(year());
+    LogCapture log;
+    ASSERT_TRUE(write({{t0, 1.5}}));
+    EXPECT_TRUE(log.entries.empty());
+    EXPECT_EQ(readBytes(year()), before);
+}
+
+TEST_F(Writing, InsertsChangeOnlyTheBytesTheyMust)
+{
+    const Record a{t0, 1.0}, b{t0 + 1000, 2.0}, c{t0 + 2000, 3.0}, d{t0 + 3000, 4.0};
+    write({b, d});
+    write({c});        // between
+    write({a});        // before every record: at the start
+    ASSERT_EQ(readBytes(year()), bytesOf({a, b, c, d}));
+    write({{t0 + 4000, 5.0}, {t0 + 500, 1.5}});  // one after, one between, in one batch
+    EXPECT_EQ(readBytes(year()), bytesOf({a, {t0 + 500, 1.5}, b, c, d, {t0 + 4000, 5.0}}));
+    EXPECT_FALSE(QFileInfo::exists(year() + QStringLiteral(".new")));
+}
+
+TEST_F(Writing, OverwriteInsideTheFilePatchesOneRecord)
+{
+    write({{t0, 1.0}, {t0 + 1000, 2.0}, {t0 + 2000, 3.0}});
+    LogCapture log;
+    write({{t0 + 1000, 9.0}, {t0 + 3000, 4.0}});
+    EXPECT_EQ(readBytes(year()), bytesOf({{t0, 1.0}, {t0 + 1000, 9.0}, {t0 + 2000, 3.0}, {t0 + 3000, 4.0}}));
+    EXPECT_EQ(log.count(QStringLiteral("old:2, new:9")), 1);
+}
+
+TEST_F(Writing, AppendOnlyWritesOutOfOrderOnPurpose)
+{
+    write({{t0 + 5000, 5.0}});
+    ASSERT_TRUE(series->writeDataRecordsInt({{t0, 1.0}, {t0, 1.0}}, false, false, true));
+    EXPECT_EQ(readBytes(year()), bytesOf({{t0 + 5000, 5.0}}) + bytesOf({{t0, 1.0}}) + bytesOf({{t0, 1.0}}));
+}
+
+TEST_F(Writing, VariableSeriesOverwriteLogsNothingAndCompactsItsSideFile)
+{
+    useSeries(QMetaType::QString);
+    write({{t0, QStringLiteral("a")}, {t0 + 1000, QStringLiteral("b")}});
+    LogCapture log;
+    write({{t0, QStringLiteral("c")}});
+    EXPECT_EQ(log.count(QStringLiteral("overwritten")), 0);
+    EXPECT_EQ(log.count(QStringLiteral("Reorganize .var file")), 1);
+    EXPECT_EQ(readBytes(year() + QStringLiteral(".var")),
+              [&] {
+                  QTemporaryDir other;
+                  TSFileStorage fresh(other.path(), QMetaType::QString, 1 << 30);
+                  fresh.writeDataRecords({{t0, QStringLiteral("c")}, {t0 + 1000, QStringLiteral("b")}}, false, false);
+                  return readBytes(fresh.baseDir + QStringLiteral("2024.var"));
+              }());
+}
+
+TEST_F(Writing, FilesOfSeveralPeriodsAreEachWrittenOnce)
+{
+    useSeries(QMetaType::Int, 30);
+    write({{ms("2024-05-07T00:00:00Z"), 1}, {ms("2024-06-07T00:00:00Z"), 2}, {ms("2024-07-07T00:00:00Z"), 3},
+           {ms("2024-08-07T00:00:00Z"), 4}});
+    ASSERT_TRUE(QFileInfo(year()).isDir());
+    write({{ms("2024-06-08T00:00:00Z"), 20}, {ms("2024-05-08T00:00:00Z"), 10},
+           {ms("2024-07-08T00:00:00Z"), 30}});
+    EXPECT_EQ(QFileInfo(file(QStringLiteral("2024/05"))).size(), 16);
+    EXPECT_EQ(QFileInfo(file(QStringLiteral("2024/06"))).size(), 16);
+    EXPECT_EQ(QFileInfo(file(QStringLiteral("2024/07"))).size(), 16);
+    EXPECT_EQ(read().size(), 7u);
+}
+
+TEST_F(Writing, TornAppendIsRepairedByTheNextWrite)
+{
+    write({{t0, 1.0}});
+    writeBytes(year(), readBytes(year()) + QByteArray("\x00\x01\x02", 3));
+    LogCapture log;
+    write({{t0 + 1000, 2.0}});
+    EXPECT_EQ(readBytes(year()), bytesOf({{t0, 1.0}, {t0 + 1000, 2.0}}));
+    EXPECT_EQ(log.count(QStringLiteral("partial record")), 1);
+}
+
+TEST_F(Writing, FloatSeriesKeepsEightValueBytesAcrossBatches)
+{
+    useSeries(QMetaType::Float);
+    write({{t0, 1.5f}, {t0 + 2000, 3.5f}});
+    write({{t0 + 1000, 2.5f}, {t0 + 3000, 4.5f}});
+    EXPECT_EQ(QFileInfo(year()).size(), 4 * (5 + 8));
+    const Records back = read();
+    ASSERT_EQ(back.size(), 4u);
+    EXPECT_EQ(back[1].value.toFloat(), 2.5f);
+    EXPECT_EQ(series->getCount({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, true, false, false), 4);
+}
+
+TEST_F(Writing, InstantsOutsideTheTreeAreRefusedAndTheRestWritten)
+{
+    LogCapture log;
+    EXPECT_FALSE(write({{ms("9999-12-31T23:59:59Z") + 5000, 1.0}, {t0, 2.0}}));
+    EXPECT_EQ(read().size(), 1u);
+    EXPECT_EQ(log.count(QStringLiteral("outside the years")), 1);
+}
+
+TEST_F(Writing, BackfilledTimestampsAreLoggedInTheCompanionP)
+{
+    write({{t0 + 10000, 1.0}});
+    write({{t0 + 5000, 2.0}, {t0 + 20000, 3.0}, {t0 + 10000, 4.0}}, true);
+    TSFileStorage p(tmp.path() + QStringLiteral("/DP/"), QMetaType::LongLong, 1 << 30);
+    EXPECT_TRUE(QDir(p.baseDir).exists());
+
+    Records out, pRecords;
+    int count = 0;
+    series->readDataRecords({}, {}, 0, ms("2100-01-01T00:00:00Z"), out, false, count, &pRecords);
+    EXPECT_EQ(out.size(), 3u);
+    ASSERT_EQ(timestamps(pRecords), (std::vector<long long>{t0 + 5000, t0 + 10000}));
+    EXPECT_EQ(pRecords[1].value.toDouble(), 4.0);
+
+    Record first, second;
+    ASSERT_TRUE(p.getFirstDataRecord(first));
+    ASSERT_TRUE(p.getLastDataRecord(second));
+    EXPECT_EQ(first.timestamp % 1000, 0);          // the write time, to the second
+    EXPECT_EQ(second.timestamp, first.timestamp + 1);
+    EXPECT_EQ(second.value.toLongLong(), t0 + 10000);
+}
+
+TEST_F(Writing, ReplacedValuesAreKeptInTheCompanionO)
+{
+    write({{t0, 1.0}, {t0 + 1000, 2.0}});
+    write({{t0, 10.0}, {t0 + 1000, 20.0}, {t0 + 1000, 30.0}}, false, true);
+    Records out;
+    std::unordered_map<long long, QVariant> oMap;
+    int count = 0;
+    series->readDataRecords({}, {}, 0, ms("2100-01-01T00:00:00Z"), out, false, count, nullptr, &oMap);
+    ASSERT_EQ(oMap.size(), 1u);
+    const QVariantMap replaced = oMap.begin()->second.toMap();
+    EXPECT_EQ(replaced.value(QString::number(t0)).toDouble(), 1.0);
+    EXPECT_EQ(replaced.value(QString::number(t0 + 1000)).toDouble(), 2.0);
+    EXPECT_EQ(read()[1].value.toDouble(), 30.0);
+}
