@@ -132,12 +132,16 @@ public:
     bool replacedVariableValue() const { return varOverwritten; }
 
 private:
-    // The value stored at one timestamp while a run of batch records with
-    // that timestamp is applied to it.
+    // One record of the file while the batch records of its timestamp are
+    // applied to it: its encoded bytes (inside an output buffer) and where
+    // its value comes from.
     struct Slot {
-        bool present = false;
-        QVariant value;
-        QByteArray bytes;  // the encoded record
+        explicit Slot(uchar* bytes, bool present = false) : bytes(bytes), present(present) {}
+        uchar* bytes;
+        bool present;                // a record is stored there
+        const Record* written = nullptr;  // the batch record last written there
+        QVariant storedValue;        // the value, once it was needed
+        bool valueKnown = false;
     };
 
     bool open()
@@ -181,28 +185,35 @@ private:
     // differs from the value stored so far is written over it.
     void applyRun(const Record* first, const Record* last, Slot& slot)
     {
-        const int stride = file.layout().stride;
         for (const Record* r = first; r != last; ++r) {
-            if (slot.present && slot.value == r->value)
-                continue;
-            if (slot.present)
-                noteOverwrite(r->timestamp, slot.value, r->value);
-            slot.bytes.resize(stride);
-            auto* bytes = reinterpret_cast<uchar*>(slot.bytes.data());
-            encoder.encode(bytes, *r);
-            slot.value = storedValue(bytes, *r);
+            if (slot.present) {
+                const QVariant& stored = valueOf(slot);
+                if (stored == r->value)
+                    continue;
+                noteOverwrite(r->timestamp, stored, r->value);
+            }
+            encoder.encode(slot.bytes, *r);
             slot.present = true;
+            slot.written = r;
+            slot.valueKnown = false;
         }
     }
 
-    // The value as a reader will get it back: converted to the series' type.
-    QVariant storedValue(const uchar* bytes, const Record& written) const
+    // The stored value as a reader gets it back: converted to the series'
+    // type (a variable value comes back as it was written).
+    const QVariant& valueOf(Slot& slot)
     {
-        if (file.layout().variable)
-            return written.value;
-        QVariant v;
-        detail::decodeValue(bytes + file.layout().offsetWidth, file.layout().type, v);
-        return v;
+        if (!slot.valueKnown) {
+            const detail::RecordLayout& l = file.layout();
+            if (!slot.written)
+                slot.storedValue = file.valueOf(slot.bytes + l.offsetWidth);
+            else if (l.variable)
+                slot.storedValue = slot.written->value;
+            else
+                detail::decodeValue(slot.bytes + l.offsetWidth, l.type, slot.storedValue);
+            slot.valueKnown = true;
+        }
+        return slot.storedValue;
     }
 
     void noteOverwrite(long long ts, const QVariant& oldValue, const QVariant& newValue)
@@ -241,29 +252,32 @@ private:
 
     bool appendAll(const Record* first, const Record* last)
     {
-        QByteArray out;
-        out.reserve((last - first) * file.layout().stride);
+        const int stride = file.layout().stride;
+        QByteArray out((last - first) * stride, Qt::Uninitialized);
+        qsizetype used = 0;
         for (const Record* run = first; run != last;) {
             const Record* end = runEnd(run, last);
-            Slot slot;
+            Slot slot(reinterpret_cast<uchar*>(out.data() + used));
             applyRun(run, end, slot);
-            out += slot.bytes;
+            used += stride;
             run = end;
         }
-        return finishVar() && file.writeAt(file.size(), out.constData(), out.size());
+        return finishVar() && file.writeAt(file.size(), out.constData(), used);
     }
+
+    // Where a run of batch records goes among the stored records.
+    struct Placement {
+        const Record* run;
+        const Record* runEnd;
+        qint64 index;  // lower bound among the stored records
+        bool stored;   // a stored record has this timestamp
+    };
 
     // Merges the batch with the stored records. Overwrites and records after
     // the last stored one are written in place; a record that falls between
     // stored ones makes the whole file be written anew beside the old one.
     bool merge(const Record* first, const Record* last)
     {
-        struct Placement {
-            const Record* run;
-            const Record* runEnd;
-            qint64 index;   // lower bound among the stored records
-            bool stored;    // a stored record has this timestamp
-        };
         std::vector<Placement> places;
         const qint64 count = file.count();
         bool inserts = false;
@@ -293,65 +307,57 @@ private:
         return lo;
     }
 
-    Slot storedSlot(const uchar* bytes)
-    {
-        const detail::RecordLayout& l = file.layout();
-        Slot slot;
-        slot.present = true;
-        slot.value = file.valueOf(bytes + l.offsetWidth);
-        slot.bytes = QByteArray(reinterpret_cast<const char*>(bytes), l.stride);
-        return slot;
-    }
-
-    template <typename Places>
-    bool patchInPlace(const Places& places)
+    bool patchInPlace(const std::vector<Placement>& places)
     {
         const int stride = file.layout().stride;
-        std::vector<std::pair<qint64, QByteArray>> patches;
+        QByteArray patches;              // changed stored records, then new ones at the end
+        std::vector<qint64> patchIndex;  // where each changed stored record goes
         QByteArray tail;
-        QByteArray raw(stride, '\0');
-        for (const auto& p : places) {
+        uchar record[16];
+        for (const Placement& p : places) {
             if (p.stored) {
-                file.readRaw(p.index, 1, raw.data());
-                Slot slot = storedSlot(reinterpret_cast<const uchar*>(raw.constData()));
-                const QByteArray before = slot.bytes;
+                file.readRaw(p.index, 1, reinterpret_cast<char*>(record));
+                Slot slot(record, true);
                 applyRun(p.run, p.runEnd, slot);
-                if (slot.bytes != before)
-                    patches.emplace_back(p.index * stride, slot.bytes);
+                if (slot.written) {
+                    patches.append(reinterpret_cast<const char*>(record), stride);
+                    patchIndex.push_back(p.index);
+                }
             } else {
-                Slot slot;
+                tail.resize(tail.size() + stride);
+                Slot slot(reinterpret_cast<uchar*>(tail.data() + tail.size() - stride));
                 applyRun(p.run, p.runEnd, slot);
-                tail += slot.bytes;
             }
         }
         bool ok = finishVar();
-        for (const auto& [offset, bytes] : patches)
-            ok = file.writeAt(offset, bytes.constData(), bytes.size()) && ok;
+        for (size_t i = 0; i < patchIndex.size(); ++i)
+            ok = file.writeAt(patchIndex[i] * stride, patches.constData() + qsizetype(i) * stride, stride) && ok;
         return file.writeAt(file.count() * stride, tail.constData(), tail.size()) && ok;
     }
 
-    template <typename Places>
-    bool rewrite(const Places& places)
+    bool rewrite(const std::vector<Placement>& places)
     {
         const int stride = file.layout().stride;
         const qint64 count = file.count();
         QByteArray old(count * stride, Qt::Uninitialized);
         file.readRaw(0, count, old.data());
-        QByteArray out;
-        out.reserve(old.size() + qsizetype(places.size()) * stride);
+        QByteArray out((count + qint64(places.size())) * stride, Qt::Uninitialized);
+        qsizetype used = 0;
         qint64 copied = 0;
-        for (const auto& p : places) {
-            out.append(old.constData() + copied * stride, (p.index - copied) * stride);
+        for (const Placement& p : places) {
+            const qsizetype before = (p.index - copied) * stride;
+            std::memcpy(out.data() + used, old.constData() + copied * stride, size_t(before));
+            used += before;
             copied = p.index;
-            Slot slot;
-            if (p.stored) {
-                slot = storedSlot(reinterpret_cast<const uchar*>(old.constData() + p.index * stride));
-                ++copied;
-            }
+            Slot slot(reinterpret_cast<uchar*>(out.data() + used), p.stored);
+            if (p.stored)
+                std::memcpy(slot.bytes, old.constData() + copied++ * stride, size_t(stride));
             applyRun(p.run, p.runEnd, slot);
-            out += slot.bytes;
+            used += stride;
         }
-        out.append(old.constData() + copied * stride, (count - copied) * stride);
+        std::memcpy(out.data() + used, old.constData() + copied * stride, size_t((count - copied) * stride));
+        used += (count - copied) * stride;
+        out.truncate(used);
         return finishVar() && detail::replaceFile(file.path(), out);
     }
 
