@@ -13,6 +13,7 @@
 #include <QDir>
 
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 
 namespace Kel {
@@ -55,38 +56,52 @@ bool replaceFileByDirectory(const QString& dirPath, const QString& filePath)
 } // namespace
 
 // Writes the records of one file into the files of the next finer period,
-// one target open at a time.
+// one target open at a time. Fixed-length values are copied as they are;
+// only the offsets change width.
 class FileSplitter {
 public:
-    FileSplitter(TSFileStorage& storage, const TSFileInfo& source, const QString& workDir)
+    FileSplitter(TSFileStorage& storage, detail::RecordFile& source, const QString& workDir)
         : storage(storage),
-          finalDir(source.filePath()),
+          source(source),
+          finalDir(source.path()),
           workDir(workDir),
-          subDir(source.getSubDir() + source.fileName() + u'/'),
-          depth(TSFileInfo(QFileInfo(finalDir + QStringLiteral("/xx")), subDir).getDirDepth())
+          subDir(source.info().getSubDir() + source.info().fileName() + u'/'),
+          // The next finer depth: that of a file inside the new directory.
+          targetDepth(TSFileInfo::DirDepth(
+              TSFileInfo(QFileInfo(finalDir + QStringLiteral("/xx")), subDir).getDirDepth())),
+          layout(storage.valueType, targetDepth)
     {
     }
 
-    bool add(const Interpolate::DataRecord& rec)
+    bool add(long long ts, const uchar* field)
     {
-        const QString name =
-            storage.getFileNameForDepth(detail::dateTimeOfMs(rec.timestamp), TSFileInfo::DirDepth(depth));
-        if (name != current && !switchTo(name))
+        if ((!file || ts < targetBase || ts >= targetEnd) && !switchTo(ts))
             return false;
-        encoder->append(pending, rec);
+        const qsizetype at = pending.size();
+        pending.resize(at + layout.stride);
+        auto* p = reinterpret_cast<uchar*>(pending.data() + at);
+        detail::encodeOffset(p, quint64(ts - targetBase), layout.offsetWidth);
+        if (layout.variable)
+            detail::encodeVarPosition(p + layout.offsetWidth, var->append(source.valueOf(field)));
+        else
+            std::memcpy(p + layout.offsetWidth, field, size_t(layout.stride - layout.offsetWidth));
         return true;
     }
 
     bool finish() { return flush(); }
 
 private:
-    bool switchTo(const QString& name)
+    bool switchTo(long long ts)
     {
+        const QString name = storage.getFileNameForDepth(detail::dateTimeOfMs(ts), targetDepth);
+        if (file && name == current)
+            return true;  // a record outside the period of its name; it stays with its name
         if (!flush())
             return false;
         current = name;
         const TSFileInfo target(QFileInfo(finalDir + u'/' + name), subDir);
-        const detail::RecordLayout layout(storage.valueType, depth);
+        targetBase = target.getBaseTsMs();
+        targetEnd = target.getPeriodEndTsMs();
         file = std::make_unique<QFile>(workDir + u'/' + name);
         if (!storage.openFile(*file, QIODevice::WriteOnly | QIODevice::Append)) {
             detail::storageLog(detail::LOG_FAILURE,
@@ -97,9 +112,9 @@ private:
             file.reset();
             return false;
         }
-        var.reset(layout.variable ? new detail::VarFileWriter(storage, file->fileName() + QStringLiteral(".var"))
-                                  : nullptr);
-        encoder = std::make_unique<detail::RecordEncoder>(layout, target.getBaseTsMs(), var.get());
+        var.reset(layout.variable
+                      ? new detail::VarFileWriter(storage, file->fileName() + QStringLiteral(".var"))
+                      : nullptr);
         return true;
     }
 
@@ -110,19 +125,23 @@ private:
         bool ok = !var || var->flush();
         ok = file->write(pending) == pending.size() && ok;
         file->close();
+        file.reset();
         pending.clear();
         return ok;
     }
 
     TSFileStorage& storage;
+    detail::RecordFile& source;
     QString finalDir;
     QString workDir;
     QString subDir;
-    int depth;
+    TSFileInfo::DirDepth targetDepth;
+    detail::RecordLayout layout;
     QString current;
+    long long targetBase = 0;
+    long long targetEnd = 0;
     std::unique_ptr<QFile> file;
     std::unique_ptr<detail::VarFileWriter> var;
-    std::unique_ptr<detail::RecordEncoder> encoder;
     QByteArray pending;
 };
 
@@ -144,13 +163,17 @@ bool TSFileStorage::checkMaxFileSize(QFile* file, TSFileInfo info)
     const QString workDir = path + QStringLiteral(".split");
     QDir(workDir).removeRecursively();
     QDir().mkpath(workDir);
-    FileSplitter splitter(*this, info, workDir);
-    std::vector<Interpolate::DataRecord> block(size_t(std::min(kBlockRecords, source.count())));
+    FileSplitter splitter(*this, source, workDir);
+    const int stride = source.layout().stride;
+    const int offsetWidth = source.layout().offsetWidth;
+    QByteArray block(qsizetype(kBlockRecords) * stride, Qt::Uninitialized);
     bool ok = true;
     for (qint64 from = 0; ok && from < source.count(); from += kBlockRecords) {
-        const qint64 n = source.readRecords(from, kBlockRecords, block.data());
-        for (qint64 i = 0; ok && i < n; ++i)
-            ok = splitter.add(block[size_t(i)]);
+        const qint64 n = std::min(kBlockRecords, source.count() - from);
+        ok = source.readRaw(from, n, block.data());
+        const auto* p = reinterpret_cast<const uchar*>(block.constData());
+        for (qint64 i = 0; ok && i < n; ++i, p += stride)
+            ok = splitter.add(source.base() + (long long)detail::decodeOffset(p, offsetWidth), p + offsetWidth);
     }
     ok = splitter.finish() && ok;
     source.close();

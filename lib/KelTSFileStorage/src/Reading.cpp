@@ -61,35 +61,13 @@ public:
 private:
     void readFile(detail::RecordFile& file, qint64 from)
     {
-        for (qint64 at = from; at < file.count() && !stopped; at += kBlockRecords) {
-            const qint64 n = std::min(kBlockRecords, file.count() - at);
-            if (direct)
-                appendBlock(file, at, n);
-            else
-                feedBlock(file, at, n);
+        // Raw records go straight from the file into the output.
+        if (direct) {
+            stopped = file.appendInRange(from, file.count() - from, readStart, readEnd, out);
+            return;
         }
-    }
-
-    // Raw records go straight from the block into the output.
-    void appendBlock(detail::RecordFile& file, qint64 at, qint64 n)
-    {
-        const size_t old = out.size();
-        out.resize(old + size_t(n));
-        const qint64 got = file.readRecords(at, n, out.data() + old);
-        size_t kept = old;
-        for (size_t i = old; i < old + size_t(got); ++i) {
-            const long long ts = out[i].timestamp;
-            if (ts > readEnd) {
-                stopped = true;
-                break;
-            }
-            if (ts < readStart)
-                continue;
-            if (kept != i)
-                out[kept] = std::move(out[i]);
-            ++kept;
-        }
-        out.resize(kept);
+        for (qint64 at = from; at < file.count() && !stopped; at += kBlockRecords)
+            feedBlock(file, at, std::min(kBlockRecords, file.count() - at));
     }
 
     void feedBlock(detail::RecordFile& file, qint64 at, qint64 n)

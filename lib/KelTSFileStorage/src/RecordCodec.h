@@ -50,7 +50,7 @@ unsigned long long decodeOffset(const uchar* p, int width);
 
 // Fixed-length value fields; not for variable types.
 void encodeValue(uchar* p, const QVariant& value, QMetaType::Type type);
-void decodeValue(const uchar* p, QMetaType::Type type, QVariant& into);
+QVariant decodeValue(const uchar* p, QMetaType::Type type);
 
 void encodeVarPosition(uchar* p, qint32 position);
 qint32 decodeVarPosition(const uchar* p);

@@ -22,53 +22,63 @@ constexpr qint64 kBufferBytes = 1 << 20;
 
 // Decoding stays out of line: inlined next to the read call, the compiler
 // kept loop state in memory and the loop ran several times slower.
-template <typename DecodeValue>
-void decodeLoop(const uchar* p, qint64 n, const RecordLayout& l, long long base,
-                Interpolate::DataRecord* out, DecodeValue decodeValue)
-{
-    const int w = l.offsetWidth;
-    for (qint64 i = 0; i < n; ++i, p += l.stride) {
-        out[i].timestamp = base + (long long)decodeOffset(p, w);
-        decodeValue(p + w, out[i].value);
-    }
-}
-
 __attribute__((noinline)) void decodeFixed(const uchar* p, qint64 n, const RecordLayout& l,
                                            long long base, Interpolate::DataRecord* out)
 {
-    switch (l.type) {
-    case QMetaType::Double:
-        decodeLoop(p, n, l, base, out, [](const uchar* f, QVariant& v) {
-            const quint64 bits = qFromBigEndian<quint64>(f);
-            double d;
-            std::memcpy(&d, &bits, 8);
-            v.setValue(d);
-        });
-        break;
-    case QMetaType::Int:
-        decodeLoop(p, n, l, base, out, [](const uchar* f, QVariant& v) {
-            v.setValue(int(qFromBigEndian<quint32>(f)));
-        });
-        break;
-    case QMetaType::LongLong:
-        decodeLoop(p, n, l, base, out, [](const uchar* f, QVariant& v) {
-            v.setValue(qlonglong(qFromBigEndian<quint64>(f)));
-        });
-        break;
-    default: {
-        const QMetaType::Type type = l.type;
-        decodeLoop(p, n, l, base, out,
-                   [type](const uchar* f, QVariant& v) { decodeValue(f, type, v); });
-        break;
+    for (qint64 i = 0; i < n; ++i, p += l.stride) {
+        out[i].timestamp = base + (long long)decodeOffset(p, l.offsetWidth);
+        out[i].value = decodeValue(p + l.offsetWidth, l.type);
     }
+}
+
+// Appends the records of a block whose timestamps lie in [lo, hi]; true when
+// one above hi was met (and the rest of the block left alone).
+__attribute__((noinline)) bool appendFixed(const uchar* p, qint64 n, const RecordLayout& l,
+                                           long long base, long long lo, long long hi,
+                                           std::vector<Interpolate::DataRecord>& out)
+{
+    for (qint64 i = 0; i < n; ++i, p += l.stride) {
+        const long long ts = base + (long long)decodeOffset(p, l.offsetWidth);
+        if (ts > hi)
+            return true;
+        if (ts >= lo)
+            out.push_back({ts, decodeValue(p + l.offsetWidth, l.type)});
+    }
+    return false;
+}
+
+template <typename EncodeValue>
+void encodeLoop(const Interpolate::DataRecord* r, qint64 n, const RecordLayout& l, long long base,
+                uchar* p, EncodeValue encodeValue)
+{
+    for (qint64 i = 0; i < n; ++i, p += l.stride) {
+        encodeOffset(p, quint64(r[i].timestamp - base), l.offsetWidth);
+        encodeValue(p + l.offsetWidth, r[i].value);
     }
 }
 
 } // namespace
 
+void encodeFixed(const Interpolate::DataRecord* records, qint64 n, const RecordLayout& layout,
+                 long long base, uchar* out)
+{
+    if (layout.type == QMetaType::Double) {
+        encodeLoop(records, n, layout, base, out, [](uchar* f, const QVariant& v) {
+            const double d = v.userType() == QMetaType::Double ? *static_cast<const double*>(v.constData())
+                                                              : v.toDouble();
+            quint64 bits;
+            std::memcpy(&bits, &d, 8);
+            qToBigEndian(bits, f);
+        });
+        return;
+    }
+    const QMetaType::Type type = layout.type;
+    encodeLoop(records, n, layout, base, out,
+               [type](uchar* f, const QVariant& v) { encodeValue(f, v, type); });
+}
+
 void RecordEncoder::encode(uchar* p, const Interpolate::DataRecord& rec) const
 {
-    std::memset(p, 0, size_t(layout.stride));
     encodeOffset(p, quint64(rec.timestamp - base), layout.offsetWidth);
     uchar* field = p + layout.offsetWidth;
     if (layout.variable)
@@ -228,17 +238,15 @@ bool RecordFile::readRaw(qint64 from, qint64 n, char* out)
 
 QVariant RecordFile::valueOf(const uchar* field)
 {
-    if (!recordLayout.variable) {
-        QVariant v;
-        decodeValue(field, recordLayout.type, v);
-        return v;
-    }
+    if (!recordLayout.variable)
+        return decodeValue(field, recordLayout.type);
     if (!var)
         var = std::make_unique<VarFileReader>(storage, varPath());
     return var->valueAt(decodeVarPosition(field));
 }
 
-qint64 RecordFile::readRecords(qint64 from, qint64 n, Interpolate::DataRecord* out)
+template <typename Chunk>
+qint64 RecordFile::forEachChunk(qint64 from, qint64 n, Chunk chunk)
 {
     const qint64 stride = recordLayout.stride;
     n = std::max<qint64>(0, std::min(n, count() - from));
@@ -248,22 +256,47 @@ qint64 RecordFile::readRecords(qint64 from, qint64 n, Interpolate::DataRecord* o
     }
     qint64 done = 0;
     while (done < n) {
-        const qint64 chunk = std::min(bufferRecords, n - done);
-        if (!readBytes((from + done) * stride, reinterpret_cast<char*>(buffer.get()), chunk * stride))
+        const qint64 size = std::min(bufferRecords, n - done);
+        if (!readBytes((from + done) * stride, reinterpret_cast<char*>(buffer.get()), size * stride))
             break;
-        if (!recordLayout.variable) {
-            decodeFixed(buffer.get(), chunk, recordLayout, baseTs, out + done);
-        } else {
-            const uchar* p = buffer.get();
-            for (qint64 i = 0; i < chunk; ++i, p += stride) {
-                out[done + i].timestamp =
-                    baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth);
-                out[done + i].value = valueOf(p + recordLayout.offsetWidth);
-            }
-        }
-        done += chunk;
+        if (!chunk(buffer.get(), done, size))
+            return -1;
+        done += size;
     }
     return done;
+}
+
+qint64 RecordFile::readRecords(qint64 from, qint64 n, Interpolate::DataRecord* out)
+{
+    return forEachChunk(from, n, [&](const uchar* p, qint64 done, qint64 size) {
+        if (!recordLayout.variable) {
+            decodeFixed(p, size, recordLayout, baseTs, out + done);
+            return true;
+        }
+        for (qint64 i = 0; i < size; ++i, p += recordLayout.stride) {
+            out[done + i].timestamp = baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth);
+            out[done + i].value = valueOf(p + recordLayout.offsetWidth);
+        }
+        return true;
+    });
+}
+
+bool RecordFile::appendInRange(qint64 from, qint64 n, long long lo, long long hi,
+                               std::vector<Interpolate::DataRecord>& out)
+{
+    const qint64 read = forEachChunk(from, n, [&](const uchar* p, qint64, qint64 size) {
+        if (!recordLayout.variable)
+            return !appendFixed(p, size, recordLayout, baseTs, lo, hi, out);
+        for (qint64 i = 0; i < size; ++i, p += recordLayout.stride) {
+            const long long ts = baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth);
+            if (ts > hi)
+                return false;
+            if (ts >= lo)
+                out.push_back({ts, valueOf(p + recordLayout.offsetWidth)});
+        }
+        return true;
+    });
+    return read < 0;
 }
 
 QString rewritePath(const QString& path)

@@ -11,6 +11,7 @@
 #include <QFile>
 
 #include <memory>
+#include <vector>
 
 namespace Kel {
 class TSFileStorage;
@@ -34,6 +35,10 @@ private:
     long long base;
     VarSink* var;
 };
+
+// Encodes n records of a fixed-length value type into out in one pass.
+void encodeFixed(const Interpolate::DataRecord* records, qint64 n, const RecordLayout& layout,
+                 long long base, uchar* out);
 
 class RecordFile {
 public:
@@ -72,6 +77,10 @@ public:
 
     // Decodes records [from, from + n) into out; returns how many were read.
     qint64 readRecords(qint64 from, qint64 n, Interpolate::DataRecord* out);
+    // Appends the records of [from, from + n) whose timestamps lie in
+    // [lo, hi] to out; true when a record above hi ended the walk.
+    bool appendInRange(qint64 from, qint64 n, long long lo, long long hi,
+                       std::vector<Interpolate::DataRecord>& out);
     // Copies the bytes of records [from, from + n) to out.
     bool readRaw(qint64 from, qint64 n, char* out);
     // The value of a record's value field.
@@ -83,6 +92,10 @@ public:
 
 private:
     bool readBytes(qint64 offset, char* out, qint64 n);
+    // Reads [from, from + n) a buffer at a time and hands each to chunk(p,
+    // done, size); stops early (returning -1) when chunk returns false.
+    template <typename Chunk>
+    qint64 forEachChunk(qint64 from, qint64 n, Chunk chunk);
 
     TSFileStorage& storage;
     TSFileInfo fileInfo;

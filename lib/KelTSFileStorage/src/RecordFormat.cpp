@@ -144,6 +144,15 @@ float narrowToFloat(double d)
     return float(d);
 }
 
+// The stored double of a QVariant that holds one, without the general
+// conversion; any other content converts as toDouble() says.
+double doubleOf(const QVariant& value)
+{
+    if (value.userType() == QMetaType::Double)
+        return *static_cast<const double*>(value.constData());
+    return value.toDouble();
+}
+
 } // namespace
 
 void encodeValue(uchar* p, const QVariant& value, QMetaType::Type type)
@@ -158,7 +167,7 @@ void encodeValue(uchar* p, const QVariant& value, QMetaType::Type type)
     case QMetaType::UInt: qToBigEndian(quint32(value.toUInt()), p); break;
     case QMetaType::LongLong: qToBigEndian(quint64(value.toLongLong()), p); break;
     case QMetaType::ULongLong: qToBigEndian(quint64(value.toULongLong()), p); break;
-    case QMetaType::Double: encodeDouble(p, value.toDouble()); break;
+    case QMetaType::Double: encodeDouble(p, doubleOf(value)); break;
     // Written through the stream's float operator at double precision: the
     // value widened to an 8-byte double.
     case QMetaType::Float: encodeDouble(p, double(value.toFloat())); break;
@@ -166,21 +175,21 @@ void encodeValue(uchar* p, const QVariant& value, QMetaType::Type type)
     }
 }
 
-void decodeValue(const uchar* p, QMetaType::Type type, QVariant& into)
+QVariant decodeValue(const uchar* p, QMetaType::Type type)
 {
     switch (type) {
-    case QMetaType::Bool: into.setValue(p[0] != 0); break;
-    case QMetaType::Char: into.setValue(int(qint8(p[0]))); break;
-    case QMetaType::UChar: into.setValue(int(p[0])); break;
-    case QMetaType::Short: into.setValue(int(qint16(qFromBigEndian<quint16>(p)))); break;
-    case QMetaType::UShort: into.setValue(int(qFromBigEndian<quint16>(p))); break;
-    case QMetaType::Int: into.setValue(int(qFromBigEndian<quint32>(p))); break;
-    case QMetaType::UInt: into.setValue(uint(qFromBigEndian<quint32>(p))); break;
-    case QMetaType::LongLong: into.setValue(qlonglong(qFromBigEndian<quint64>(p))); break;
-    case QMetaType::ULongLong: into.setValue(qulonglong(qFromBigEndian<quint64>(p))); break;
-    case QMetaType::Double: into.setValue(decodeDouble(p)); break;
-    case QMetaType::Float: into.setValue(narrowToFloat(decodeDouble(p))); break;
-    default: into = QVariant(); break;
+    case QMetaType::Bool: return QVariant(p[0] != 0);
+    case QMetaType::Char: return QVariant(int(qint8(p[0])));
+    case QMetaType::UChar: return QVariant(int(p[0]));
+    case QMetaType::Short: return QVariant(int(qint16(qFromBigEndian<quint16>(p))));
+    case QMetaType::UShort: return QVariant(int(qFromBigEndian<quint16>(p)));
+    case QMetaType::Int: return QVariant(int(qFromBigEndian<quint32>(p)));
+    case QMetaType::UInt: return QVariant(uint(qFromBigEndian<quint32>(p)));
+    case QMetaType::LongLong: return QVariant(qlonglong(qFromBigEndian<quint64>(p)));
+    case QMetaType::ULongLong: return QVariant(qulonglong(qFromBigEndian<quint64>(p)));
+    case QMetaType::Double: return QVariant(decodeDouble(p));
+    case QMetaType::Float: return QVariant(narrowToFloat(decodeDouble(p)));
+    default: return QVariant();
     }
 }
 
@@ -382,7 +391,7 @@ Interpolate::DataRecord TSFileStorage::readCurrDataRecord(QDataStream& stream, l
     rec.timestamp = baseTs + (long long)detail::decodeOffset(buf, layout.offsetWidth);
     const uchar* field = buf + layout.offsetWidth;
     if (!layout.variable) {
-        detail::decodeValue(field, valueType, rec.value);
+        rec.value = detail::decodeValue(field, valueType);
         return rec;
     }
     auto* device = qobject_cast<QFileDevice*>(stream.device());

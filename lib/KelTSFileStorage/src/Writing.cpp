@@ -36,10 +36,16 @@ bool batchLess(const Record& a, const Record& b)
     return std::isnan(y) ? !std::isnan(x) : x < y;
 }
 
-void sortBatch(std::vector<Record>& records)
+// Sorts the batch unless it is in order already. Returns whether its
+// timestamps are strictly increasing: then no record has a twin to merge.
+bool sortBatch(std::vector<Record>& records)
 {
+    const auto notBefore = [](const Record& a, const Record& b) { return a.timestamp >= b.timestamp; };
+    if (std::adjacent_find(records.begin(), records.end(), notBefore) == records.end())
+        return true;
     if (!std::is_sorted(records.begin(), records.end(), batchLess))
         std::stable_sort(records.begin(), records.end(), batchLess);
+    return false;
 }
 
 QString companionDir(const TSFileStorage& series, const char* marker)
@@ -98,11 +104,12 @@ QString isoTime(long long ms)
 class FileBatchWriter {
 public:
     FileBatchWriter(TSFileStorage& storage, const TSFileInfo& info, bool appendOnly,
-                    std::vector<Record>* overwritten)
+                    bool distinctTimes, std::vector<Record>* overwritten)
         : storage(storage),
           file(storage, info),
           isNew(!info.found()),
           appendOnly(appendOnly),
+          distinctTimes(distinctTimes),
           overwritten(overwritten),
           logOverwrites(!storage.baseDir.endsWith(QLatin1String("/V/"))),
           var(storage, file.varPath()),
@@ -210,7 +217,7 @@ private:
             else if (l.variable)
                 slot.storedValue = slot.written->value;
             else
-                detail::decodeValue(slot.bytes + l.offsetWidth, l.type, slot.storedValue);
+                slot.storedValue = detail::decodeValue(slot.bytes + l.offsetWidth, l.type);
             slot.valueKnown = true;
         }
         return slot.storedValue;
@@ -254,6 +261,11 @@ private:
     {
         const int stride = file.layout().stride;
         QByteArray out((last - first) * stride, Qt::Uninitialized);
+        if (!file.layout().variable && (appendOnly || distinctTimes)) {
+            detail::encodeFixed(first, last - first, file.layout(), file.base(),
+                                reinterpret_cast<uchar*>(out.data()));
+            return file.writeAt(file.size(), out.constData(), out.size());
+        }
         qsizetype used = 0;
         for (const Record* run = first; run != last;) {
             const Record* end = runEnd(run, last);
@@ -368,6 +380,7 @@ private:
     detail::RecordFile file;
     bool isNew;
     bool appendOnly;
+    bool distinctTimes;  // no two batch records share a timestamp
     std::vector<Record>* overwritten;
     bool logOverwrites;
     bool varOverwritten = false;
@@ -393,7 +406,7 @@ bool TSFileStorage::writeDataRecordsInt(std::vector<Interpolate::DataRecord> rec
         if (getLastDataRecord(last))
             backfillLimit = last.timestamp;
     }
-    sortBatch(records);
+    const bool distinctTimes = sortBatch(records);
 
     std::vector<long long> backfilled;
     std::vector<Record> overwritten;
@@ -415,11 +428,12 @@ bool TSFileStorage::writeDataRecordsInt(std::vector<Interpolate::DataRecord> rec
         // The rest of the file's period goes to the same file without asking
         // the tree again.
         const long long periodEnd = info.getPeriodEndTsMs();
-        const Record* last = first + 1;
-        while (last != end && last->timestamp < periodEnd)
-            ++last;
+        const Record* last = std::partition_point(first + 1, end, [periodEnd](const Record& r) {
+            return r.timestamp < periodEnd;
+        });
 
-        FileBatchWriter writer(*this, info, appendOnly, collectOverwritten ? &overwritten : nullptr);
+        FileBatchWriter writer(*this, info, appendOnly, distinctTimes,
+                               collectOverwritten ? &overwritten : nullptr);
         if (!writer.write(first, last))
             return false;
         QFile file(info.filePath());
