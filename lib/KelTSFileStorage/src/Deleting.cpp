@@ -91,6 +91,7 @@ bool keepOutside(detail::RecordFile& file, long long start, long long end)
 } // namespace
 
 bool TSFileStorage::deleteDataRecords(long long start, long long end, QString marker)
+try
 {
     detail::MarkerStorage storage(*this, marker);
     if (!storage)
@@ -154,6 +155,9 @@ bool TSFileStorage::deleteDataRecords(long long start, long long end, QString ma
         removeWithSideFile(path);
     for (const QString& path : dirsToTidy)
         removeEmptyUpwards(QDir(path));
+    return true;
+} catch (...) {
+    detail::logCaughtException("deleteDataRecords");
     return true;
 }
 

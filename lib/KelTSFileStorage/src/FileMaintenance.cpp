@@ -146,6 +146,7 @@ private:
 };
 
 bool TSFileStorage::checkMaxFileSize(QFile* file, TSFileInfo info)
+try
 {
     const QString path = file->fileName();
     if (!splitIsDue(path, maxFileSize) || info.getDirDepth() >= TSFileInfo::DEPTH_MINUTE)
@@ -185,9 +186,13 @@ bool TSFileStorage::checkMaxFileSize(QFile* file, TSFileInfo info)
     }
     QFile::remove(path + QStringLiteral(".var"));
     return true;
+} catch (...) {
+    detail::logCaughtException("checkMaxFileSize");
+    return false;
 }
 
 void TSFileStorage::reorgVarFile(QFile* file, TSFileInfo info)
+try
 {
     const QString path = file->fileName();
     detail::storageLog(detail::LOG_PROGRESS, QStringLiteral("Reorganize .var file '%1'"), __LINE__)
@@ -217,6 +222,8 @@ void TSFileStorage::reorgVarFile(QFile* file, TSFileInfo info)
                            QStringLiteral("Could not open '%1' for write (reorgVarFile)"), __LINE__)
             .arg(path)
             .endl();
+} catch (...) {
+    detail::logCaughtException("reorgVarFile");
 }
 
 } // namespace Kel

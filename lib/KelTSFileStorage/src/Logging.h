@@ -4,6 +4,8 @@
 
 #include "KelLogger.h"
 
+#include <exception>
+
 namespace Kel::detail {
 
 inline constexpr const char* kStorageSource = "lib/KelTSFileStorage/src/TSFileStorage";
@@ -20,6 +22,28 @@ inline LogMessage storageLog(unsigned char level, const QString& message, int li
 inline LogMessage engineLog(unsigned char level, const QString& message, int line)
 {
     return Logger::instance().out(level, message, kEngineSource, line);
+}
+
+} // namespace Kel::detail
+
+namespace Kel::detail {
+
+// Logs the exception being handled at an entry point of the storage, which
+// hands back its failure result instead of letting the exception out. Call
+// it only from inside a catch block.
+inline void logCaughtException(const char* operation)
+{
+    QString what = QStringLiteral("unknown exception");
+    try {
+        throw;
+    } catch (const std::exception& e) {
+        what = QString::fromLocal8Bit(e.what());
+    } catch (...) {
+    }
+    storageLog(LOG_FAILURE, QStringLiteral("Exception in %1: '%2'"), __LINE__)
+        .arg(QString::fromLatin1(operation))
+        .arg(what)
+        .endl();
 }
 
 } // namespace Kel::detail

@@ -24,6 +24,7 @@ bool openForLookup(detail::RecordFile& file, const QString& failure, int line)
 } // namespace
 
 bool TSFileStorage::getFirstDataRecord(Interpolate::DataRecord& rec)
+try
 {
     const TSFileInfo info = findFirstFile();
     if (!info.found())
@@ -35,9 +36,13 @@ bool TSFileStorage::getFirstDataRecord(Interpolate::DataRecord& rec)
     // the end always has.
     rec = file.count() > 0 ? file.recordAt(0) : Interpolate::DataRecord{file.base(), QVariant()};
     return true;
+} catch (...) {
+    detail::logCaughtException("getFirstDataRecord");
+    return false;
 }
 
 bool TSFileStorage::getLastDataRecord(Interpolate::DataRecord& rec)
+try
 {
     const TSFileInfo info = findLastFile();
     if (!info.found())
@@ -48,9 +53,13 @@ bool TSFileStorage::getLastDataRecord(Interpolate::DataRecord& rec)
     rec = file.count() > 0 ? file.recordAt(file.count() - 1)
                            : Interpolate::DataRecord{file.base(), QVariant()};
     return true;
+} catch (...) {
+    detail::logCaughtException("getLastDataRecord");
+    return false;
 }
 
 bool TSFileStorage::findDataRecord(long long ts, Interpolate::DataRecord& rec)
+try
 {
     const TSFileInfo info = findFile(ts);
     if (!info.found())
@@ -61,9 +70,13 @@ bool TSFileStorage::findDataRecord(long long ts, Interpolate::DataRecord& rec)
     const qint64 index = file.probe(ts);
     rec = index >= 0 ? file.recordAt(index) : Interpolate::DataRecord{file.base(), QVariant()};
     return rec.timestamp == ts;
+} catch (...) {
+    detail::logCaughtException("findDataRecord");
+    return false;
 }
 
 bool TSFileStorage::findPrevDataRecord(long long ts, Interpolate::DataRecord& rec)
+try
 {
     const long long t = ts - 1;
     TSFileInfo info = findFile(t);
@@ -87,6 +100,9 @@ bool TSFileStorage::findPrevDataRecord(long long ts, Interpolate::DataRecord& re
             rec = std::move(before);
     }
     return true;
+} catch (...) {
+    detail::logCaughtException("findPrevDataRecord");
+    return false;
 }
 
 bool TSFileStorage::adjustTimestamps(TSFileStorage* storage, long long& start, long long& end,

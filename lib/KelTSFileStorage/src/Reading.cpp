@@ -155,6 +155,7 @@ bool TSFileStorage::readDataRecordsInt(Interpolate::InterpolateParam param,
                                        std::vector<Interpolate::DataRecord>& out,
                                        bool labelAtIntervalStart, int& resultCount, QString marker,
                                        bool lastFlag)
+try
 {
     detail::MarkerStorage storage(*this, marker);
     if (!storage) {
@@ -190,6 +191,9 @@ bool TSFileStorage::readDataRecordsInt(Interpolate::InterpolateParam param,
     }
     engine.finalize();
     return true;
+} catch (...) {
+    detail::logCaughtException("readDataRecords");
+    return false;
 }
 
 bool TSFileStorage::readDataRecords(Interpolate::InterpolateParam param,
@@ -240,6 +244,7 @@ long long TSFileStorage::getCount(Interpolate::InterpolateParam param,
 long long TSFileStorage::getCountInt(Interpolate::InterpolateParam param,
                                      std::vector<Interpolate::InterpolateParam> params,
                                      long long start, long long end, QString marker)
+try
 {
     detail::MarkerStorage storage(*this, marker);
     if (!storage)
@@ -253,6 +258,9 @@ long long TSFileStorage::getCountInt(Interpolate::InterpolateParam param,
     readDataRecordsInt(std::move(param), std::move(params), start, end, out, false, resultCount,
                        marker, true);
     return out.empty() ? 0 : out.front().value.toLongLong();
+} catch (...) {
+    detail::logCaughtException("getCount");
+    return 0;
 }
 
 } // namespace Kel

@@ -397,6 +397,7 @@ bool TSFileStorage::writeDataRecords(std::vector<Interpolate::DataRecord> record
 bool TSFileStorage::writeDataRecordsInt(std::vector<Interpolate::DataRecord> records,
                                         bool collectBackfill, bool collectOverwritten,
                                         bool appendOnly)
+try
 {
     if (records.empty())
         return true;
@@ -452,6 +453,9 @@ bool TSFileStorage::writeDataRecordsInt(std::vector<Interpolate::DataRecord> rec
     if (!overwritten.empty())
         logOverwritten(*this, overwritten);
     return allPlaced;
+} catch (...) {
+    detail::logCaughtException("writeDataRecords");
+    return false;
 }
 
 } // namespace Kel
