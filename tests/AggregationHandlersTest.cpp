@@ -278,6 +278,16 @@ TEST_F(AggregationHandlers, LinearInterpolatesAtEachIntervalEnd)
     EXPECT_FALSE(nulls[1].value.isValid());
 }
 
+TEST_F(AggregationHandlers, LinearStartsFromTheFirstRecordOfTheRead)
+{
+    // The record before the read (09:30) only leads in: the first record of
+    // the read (11:30) starts the line, so 11:00 is held back from it.
+    const std::vector<DataRecord> series = {at("2024-05-07T09:30:00Z", 1), at("2024-05-07T11:30:00Z", 5),
+                                            at("2024-05-07T12:30:00Z", 9), at("2024-05-07T13:30:00Z", 3)};
+    EXPECT_EQ(valuesOf(read("prevNextLinear", series, gapStart, gapEnd)), (std::vector<double>{7, 6}));
+    EXPECT_EQ(valuesOf(read("prevNextLinearFill", series, gapStart, gapEnd)), (std::vector<double>{5, 7, 6}));
+}
+
 TEST_F(AggregationHandlers, LinearDeliversNothingPastTheLastRecord)
 {
     const std::vector<DataRecord> series(gappy.begin(), gappy.end() - 1);

@@ -92,6 +92,16 @@ bool previousRecordInCurrentInterval(const Interpolate& e)
            && e.previousRecord.timestamp < e.intervalNext;
 }
 
+// Without fill, intervals without records yield nothing: move on to the next
+// one that can yield, the one that holds previousRecord when that is not
+// behind (a linear read starts from a record it kept), else the one ts falls in.
+void skipToIntervalWithData(Interpolate& e, long long ts)
+{
+    const DataRecord& previous = e.previousRecord;
+    const bool previousNotBehind = previous.value.isValid() && previous.timestamp >= e.intervalStart;
+    skipIntervalsThrough(e, previousNotBehind ? std::min(previous.timestamp, ts) : ts);
+}
+
 // The value held at the interval end: the record at the end itself, else the
 // last one before it (null when the engine has seen none).
 const DataRecord* heldAt(const Interpolate& e, const DataRecord& record, bool hasValue, long long end)
@@ -118,7 +128,7 @@ void closeSampledIntervals(Interpolate& e, DataRecord&& record, long long ts, Sa
         }
         e.incIntervalNextTimestamp();
         if (!e.fill)
-            skipIntervalsThrough(e, ts);
+            skipToIntervalWithData(e, ts);
     }
     if (hasValue)
         e.previousRecord = std::move(record);
@@ -142,7 +152,7 @@ void closeInterpolatedIntervals(Interpolate& e, DataRecord&& record, long long t
         }
         e.incIntervalNextTimestamp();
         if (!e.fill)
-            skipIntervalsThrough(e, ts);
+            skipToIntervalWithData(e, ts);
     }
     e.previousRecord = std::move(record);
 }
