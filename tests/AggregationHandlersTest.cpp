@@ -20,28 +20,36 @@ using Kel::test::runRead;
 using Kel::test::timesOf;
 using Kel::test::valuesOf;
 
-// Counts heap allocations, so that a test can show the per-record path makes none.
+// Counts heap allocations, so that a test can show the per-record path makes
+// none. Every plain form of new and delete is replaced, so that memory from
+// any of them is released the way it was taken.
 namespace {
 std::atomic<long> allocations{0};
-}
 
-void* operator new(std::size_t size)
+void* counted(std::size_t size) noexcept
 {
     ++allocations;
-    if (void* p = std::malloc(size ? size : 1))
+    return std::malloc(size ? size : 1);
+}
+
+void* countedOrThrow(std::size_t size)
+{
+    if (void* p = counted(size))
         return p;
     throw std::bad_alloc();
 }
+} // namespace
 
-void operator delete(void* p) noexcept
-{
-    std::free(p);
-}
-
-void operator delete(void* p, std::size_t) noexcept
-{
-    std::free(p);
-}
+void* operator new(std::size_t size) { return countedOrThrow(size); }
+void* operator new[](std::size_t size) { return countedOrThrow(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return counted(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return counted(size); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
 
 namespace {
 
