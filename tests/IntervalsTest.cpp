@@ -1,5 +1,5 @@
-// Interval alignment and stepping, the range a read must cover, fast counts
-// and linear interpolation.
+// Interval alignment and stepping, the range a read must cover, counts known
+// without reading, and linear interpolation.
 #include "Calendar.h"
 #include "EngineHarness.h"
 
@@ -14,23 +14,42 @@ using Kel::test::request;
 
 namespace {
 
-constexpr long long kHourMs = 3600000;
-
 class Intervals : public ::testing::Test {
 protected:
-    // An engine over a series that holds records all through 2024.
-    Interpolate& engine(const char* method, long long interval, int offsetMin = 0, bool alignRange = false,
-                        long long start = 0, long long end = 0)
+    // An engine over a series with records from first to last.
+    Interpolate& engine(const char* method, long long interval, const char* start = "2024-05-07T10:17:00Z",
+                        const char* end = "2024-05-07T12:40:00Z", bool alignRange = false, int offsetMin = 0)
     {
-        built = std::make_unique<Interpolate>(request(method, interval, alignRange, offsetMin),
-                                              std::vector<Interpolate::InterpolateParam>{}, start, end,
+        Interpolate::InterpolateParam p = request(method, interval, alignRange);
+        p.offsetMinFromUTC = offsetMin;
+        built = std::make_unique<Interpolate>(p, std::vector<Interpolate::InterpolateParam>{}, ms(start), ms(end),
                                               first, last, &out, QMetaType::Double, labelAtStart, resultCount,
                                               countOnly);
         return *built;
     }
 
+    long long aligned(long long interval, const char* time, int offsetMin = 0)
+    {
+        return engine("meanA", interval, time, time, false, offsetMin).alignSpecialStartTimestamp(ms(time));
+    }
+
+    // getRange's results as "readStart readEnd alignedStart alignedEnd", hh:mm.
+    std::string range(Interpolate& e)
+    {
+        long long readStart = 0;
+        long long readEnd = 0;
+        if (!e.getRange(readStart, readEnd))
+            return "empty";
+        QStringList times;
+        for (const long long t : {readStart, readEnd, e.alignedStart, e.alignedEnd}) {
+            const QTime time = QDateTime::fromMSecsSinceEpoch(t, Qt::UTC).time();
+            times << time.toString(time.msec() ? "hh:mm:ss.zzz" : "hh:mm");
+        }
+        return times.join(' ').toStdString();
+    }
+
     long long first = ms("2024-01-01T00:00:00Z");
-    long long last = ms("2024-12-31T23:00:00Z");
+    long long last = ms("2024-12-31T00:00:00Z");
     bool labelAtStart = false;
     bool countOnly = false;
     std::vector<DataRecord> out;
@@ -38,71 +57,30 @@ protected:
     std::unique_ptr<Interpolate> built;
 };
 
-TEST_F(Intervals, FixedIntervalsAlignDownToTheirBoundary)
+TEST_F(Intervals, TimestampsAlignToTheStartOfTheirInterval)
+{
+    EXPECT_EQ(aligned(3600, "2024-05-07T10:59:59.999Z"), ms("2024-05-07T10:00:00Z"));
+    EXPECT_EQ(aligned(3600, "2024-05-07T10:00:00Z"), ms("2024-05-07T10:00:00Z"));
+    EXPECT_EQ(aligned(3600, "2024-05-07T10:30:00Z", 60), ms("2024-05-07T10:00:00Z"));  // fixed lengths ignore the offset
+    EXPECT_EQ(aligned(-1, "2024-05-17T13:45:00Z"), ms("2024-05-17T00:00:00Z"));
+    EXPECT_EQ(aligned(-1, "2024-05-17T13:45:00Z", 60), ms("2024-05-16T23:00:00Z"));
+    EXPECT_EQ(aligned(-2, "2024-03-10T18:00:00Z"), ms("2024-03-04T00:00:00Z"));  // Sunday to Monday
+    EXPECT_EQ(aligned(-2, "2024-03-10T18:00:00Z", -120), ms("2024-03-04T02:00:00Z"));
+    EXPECT_EQ(aligned(-3, "2024-05-17T13:45:00Z"), ms("2024-05-01T00:00:00Z"));
+    EXPECT_EQ(aligned(-4, "2024-05-17T13:45:00Z"), ms("2024-05-01T00:00:00Z"));  // not 1 April
+    EXPECT_EQ(aligned(-5, "2024-08-17T13:45:00Z"), ms("2024-08-01T00:00:00Z"));
+    EXPECT_EQ(aligned(-6, "2024-05-17T13:45:00Z"), ms("2024-01-01T00:00:00Z"));
+    EXPECT_EQ(aligned(-7, "2024-05-17T13:45:00Z"), ms("2024-05-17T13:45:00Z"));
+}
+
+TEST_F(Intervals, NegativeTimestampsAlignTowardZero)
 {
     Interpolate& e = engine("meanA", 3600);
-    EXPECT_EQ(e.alignSpecialStartTimestamp(ms("2024-05-07T10:59:59.999Z")), ms("2024-05-07T10:00:00Z"));
-    EXPECT_EQ(e.alignSpecialStartTimestamp(ms("2024-05-07T10:00:00Z")), ms("2024-05-07T10:00:00Z"));
-}
-
-TEST_F(Intervals, FixedIntervalsTruncateNegativeTimestampsTowardZeroAndIgnoreTheOffset)
-{
-    Interpolate& e = engine("meanA", 3600, 60);
     EXPECT_EQ(e.alignSpecialStartTimestamp(-1), 0);
-    EXPECT_EQ(e.alignSpecialStartTimestamp(-kHourMs - 1), -kHourMs);
-    EXPECT_EQ(e.alignSpecialStartTimestamp(kHourMs + 5), kHourMs);
+    EXPECT_EQ(e.alignSpecialStartTimestamp(-3600001), -3600000);
 }
 
-TEST_F(Intervals, CalendarUnitsAlignToTheStartOfTheirPeriodInUtc)
-{
-    EXPECT_EQ(engine("meanA", -1).alignSpecialStartTimestamp(ms("2024-05-17T13:45:00Z")), ms("2024-05-17T00:00:00Z"));
-    // Sunday 10 March belongs to the week that started on Monday 4 March.
-    EXPECT_EQ(engine("meanA", -2).alignSpecialStartTimestamp(ms("2024-03-10T18:00:00Z")), ms("2024-03-04T00:00:00Z"));
-    EXPECT_EQ(engine("meanA", -3).alignSpecialStartTimestamp(ms("2024-05-17T13:45:00Z")), ms("2024-05-01T00:00:00Z"));
-    EXPECT_EQ(engine("meanA", -6).alignSpecialStartTimestamp(ms("2024-05-17T13:45:00Z")), ms("2024-01-01T00:00:00Z"));
-}
-
-TEST_F(Intervals, QuartersAndHalfYearsStartOnTheFirstOfTheTimestampsOwnMonth)
-{
-    EXPECT_EQ(engine("meanA", -4).alignSpecialStartTimestamp(ms("2024-05-17T00:00:00Z")), ms("2024-05-01T00:00:00Z"));
-    EXPECT_EQ(engine("meanA", -5).alignSpecialStartTimestamp(ms("2024-08-17T00:00:00Z")), ms("2024-08-01T00:00:00Z"));
-}
-
-TEST_F(Intervals, OffsetFromUtcShiftsCalendarBoundaries)
-{
-    EXPECT_EQ(engine("meanA", -1, 60).alignSpecialStartTimestamp(ms("2024-05-17T13:45:00Z")),
-              ms("2024-05-16T23:00:00Z"));
-    EXPECT_EQ(engine("meanA", -2, -120).alignSpecialStartTimestamp(ms("2024-03-10T18:00:00Z")),
-              ms("2024-03-04T02:00:00Z"));
-}
-
-TEST_F(Intervals, UnknownUnitsAreNotAlignedAndStepForwardByADayButNeverBack)
-{
-    Interpolate& e = engine("meanA", -7);
-    const long long t = ms("2024-05-17T13:45:00Z");
-    EXPECT_EQ(e.alignSpecialStartTimestamp(t), t);
-    long long forward = t;
-    e.incTimestampByInterval(forward);
-    EXPECT_EQ(forward, t + 86400000);
-    long long back = t;
-    e.decTimestampByInterval(back);
-    EXPECT_EQ(back, t);
-}
-
-TEST_F(Intervals, RawReadingNeitherAlignsNorSteps)
-{
-    Interpolate& e = engine("meanA", 0);
-    const long long t = ms("2024-05-17T13:45:00Z");
-    long long forward = t;
-    long long back = t;
-    e.incTimestampByInterval(forward);
-    e.decTimestampByInterval(back);
-    EXPECT_EQ(e.alignSpecialStartTimestamp(t), t);
-    EXPECT_EQ(forward, t);
-    EXPECT_EQ(back, t);
-}
-
-TEST_F(Intervals, CalendarStepsFollowTheCalendar)
+TEST_F(Intervals, StepsFollowTheCalendarAndUnknownUnitsOnlyStepForward)
 {
     struct Case {
         long long unit;
@@ -111,6 +89,7 @@ TEST_F(Intervals, CalendarStepsFollowTheCalendar)
         const char* back;
     };
     const Case cases[] = {
+        {3600, "2024-02-28T05:00:00Z", "2024-02-28T06:00:00Z", "2024-02-28T04:00:00Z"},
         {-1, "2024-02-28T05:00:00Z", "2024-02-29T05:00:00Z", "2024-02-27T05:00:00Z"},
         {-2, "2024-03-04T00:00:00Z", "2024-03-11T00:00:00Z", "2024-02-26T00:00:00Z"},
         {-3, "2024-01-31T00:00:00Z", "2024-02-29T00:00:00Z", "2023-12-31T00:00:00Z"},
@@ -118,6 +97,8 @@ TEST_F(Intervals, CalendarStepsFollowTheCalendar)
         {-4, "2024-05-01T00:00:00Z", "2024-08-01T00:00:00Z", "2024-02-01T00:00:00Z"},
         {-5, "2024-05-01T00:00:00Z", "2024-11-01T00:00:00Z", "2023-11-01T00:00:00Z"},
         {-6, "2024-02-29T00:00:00Z", "2025-02-28T00:00:00Z", "2023-02-28T00:00:00Z"},
+        {-7, "2024-05-17T13:45:00Z", "2024-05-18T13:45:00Z", "2024-05-17T13:45:00Z"},
+        {0, "2024-05-17T13:45:00Z", "2024-05-17T13:45:00Z", "2024-05-17T13:45:00Z"},  // raw: no steps
     };
     for (const Case& c : cases) {
         Interpolate& e = engine("meanA", c.unit);
@@ -125,173 +106,80 @@ TEST_F(Intervals, CalendarStepsFollowTheCalendar)
         long long back = ms(c.from);
         e.incTimestampByInterval(forward);
         e.decTimestampByInterval(back);
-        EXPECT_EQ(forward, ms(c.forward)) << "unit " << c.unit << " from " << c.from;
-        EXPECT_EQ(back, ms(c.back)) << "unit " << c.unit << " from " << c.from;
+        EXPECT_EQ(forward, ms(c.forward)) << c.unit << " " << c.from;
+        EXPECT_EQ(back, ms(c.back)) << c.unit << " " << c.from;
     }
-}
-
-TEST_F(Intervals, AdvancingTheIntervalKeepsItsStart)
-{
-    Interpolate& e = engine("meanA", -3);
-    e.intervalNext = ms("2024-01-31T00:00:00Z");
-    e.incIntervalNextTimestamp();
-    EXPECT_EQ(e.intervalStart, ms("2024-01-31T00:00:00Z"));
-    EXPECT_EQ(e.intervalNext, ms("2024-02-29T00:00:00Z"));
 }
 
 TEST_F(Intervals, LinearInterpolationTakesAFirstPointAtZeroAsNoPoint)
 {
     Interpolate& e = engine("meanA", 3600);
     EXPECT_DOUBLE_EQ(e.linearInterpolate(1000, 1.0, 1500, 2000, 3.0), 2.0);
+    EXPECT_DOUBLE_EQ(e.linearInterpolate(1000, 1.0, 2500, 2000, 3.0), 4.0);
     EXPECT_DOUBLE_EQ(e.linearInterpolate(0, 1.0, 1500, 2000, 3.0), 3.0);
     EXPECT_DOUBLE_EQ(e.linearInterpolate(1000, 1.0, 1500, 1000, 3.0), 3.0);
-    EXPECT_DOUBLE_EQ(e.linearInterpolate(1000, 1.0, 2500, 2000, 3.0), 4.0);
 }
 
-// --- getRange ---
-
-TEST_F(Intervals, ReadStartsOneIntervalBeforeTheRangeWhoseBoundsStayAsGiven)
+TEST_F(Intervals, ReadStartsOneIntervalBeforeTheRangeAlignedOrAsGiven)
 {
-    Interpolate& e = engine("meanA", 3600, 0, false, ms("2024-05-07T10:17:00Z"), ms("2024-05-07T12:40:00Z"));
-    long long readStart = 0;
-    long long readEnd = 0;
-    ASSERT_TRUE(e.getRange(readStart, readEnd));
-    EXPECT_EQ(readStart, ms("2024-05-07T09:17:00Z"));
-    EXPECT_EQ(readEnd, ms("2024-05-07T12:40:00Z"));
-    EXPECT_EQ(e.outputEnd, ms("2024-05-07T12:40:00Z"));
-    EXPECT_EQ(e.intervalNext, ms("2024-05-07T10:17:00Z"));
-    EXPECT_EQ(e.intervalStart, ms("2024-05-07T09:17:00Z"));
-    EXPECT_EQ(e.readStart, readStart);
-    EXPECT_EQ(e.readEnd, readEnd);
-}
-
-TEST_F(Intervals, AlignedRangeCoversWholeIntervalsAndEndsOneIntervalLater)
-{
-    Interpolate& e = engine("meanA", 3600, 0, true, ms("2024-05-07T10:17:00Z"), ms("2024-05-07T12:40:00Z"));
-    long long readStart = 0;
-    long long readEnd = 0;
-    ASSERT_TRUE(e.getRange(readStart, readEnd));
-    EXPECT_EQ(e.alignedStart, ms("2024-05-07T10:00:00Z"));
-    EXPECT_EQ(e.alignedEnd, ms("2024-05-07T13:00:00Z"));
-    EXPECT_EQ(readStart, ms("2024-05-07T09:00:00Z"));
-    EXPECT_EQ(readEnd, ms("2024-05-07T13:00:00Z"));
+    EXPECT_EQ(range(engine("meanA", 3600)), "09:17 12:40 10:17 12:40");
+    EXPECT_EQ(range(engine("meanA", 3600, "2024-05-07T10:17:00Z", "2024-05-07T12:40:00Z", true)),
+              "09:00 13:00 10:00 13:00");
+    EXPECT_EQ(built->intervalNext, ms("2024-05-07T10:00:00Z"));
+    EXPECT_EQ(built->intervalStart, ms("2024-05-07T09:00:00Z"));
+    EXPECT_EQ(built->outputEnd, ms("2024-05-07T13:00:00Z"));
+    labelAtStart = true;
+    EXPECT_EQ(range(engine("meanA", 3600, "2024-05-07T10:17:00Z", "2024-05-07T12:40:00Z", true)),
+              "10:00 14:00 11:00 14:00");
 }
 
 TEST_F(Intervals, TwoResultsPerIntervalMayEndOneMillisecondAfterTheRange)
 {
-    const long long s = ms("2024-05-07T10:00:00Z");
-    const long long e = ms("2024-05-07T12:00:00Z");
-    long long rs = 0;
-    long long re = 0;
-    struct Case {
-        const char* method;
-        long long extra;
-    };
-    for (const Case& c : {Case{"prevNext", 1}, Case{"prevNextLinear", 0}, Case{"minMax", 1},
-                          Case{"minMaxAverage", 0}, Case{"max", 0}}) {
-        Interpolate& engineUnderTest = engine(c.method, 3600, 0, false, s, e);
-        ASSERT_TRUE(engineUnderTest.getRange(rs, re));
-        EXPECT_EQ(engineUnderTest.outputEnd, e + c.extra) << c.method;
+    for (const auto& [method, extra] : {std::pair{"prevNext", 1}, {"prevNextLinear", 0}, {"minMax", 1},
+                                        {"minMaxAverage", 0}, {"max", 0}}) {
+        range(engine(method, 3600));
+        EXPECT_EQ(built->outputEnd, ms("2024-05-07T12:40:00Z") + extra) << method;
     }
 }
 
-TEST_F(Intervals, LabelsAtIntervalStartShiftTheRangeOneIntervalForward)
-{
-    labelAtStart = true;
-    Interpolate& e = engine("meanA", 3600, 0, true, ms("2024-05-07T10:17:00Z"), ms("2024-05-07T12:40:00Z"));
-    long long readStart = 0;
-    long long readEnd = 0;
-    ASSERT_TRUE(e.getRange(readStart, readEnd));
-    EXPECT_EQ(readStart, ms("2024-05-07T10:00:00Z"));
-    EXPECT_EQ(readEnd, ms("2024-05-07T14:00:00Z"));
-    EXPECT_EQ(e.alignedStart, ms("2024-05-07T11:00:00Z"));
-    EXPECT_EQ(e.alignedEnd, ms("2024-05-07T14:00:00Z"));
-}
-
-TEST_F(Intervals, RangeIsClampedToTheSeriesAndRemembersWhatIsMissing)
+TEST_F(Intervals, RangeIsClampedToTheSeries)
 {
     first = ms("2024-05-07T10:30:00Z");
     last = ms("2024-05-07T12:10:00Z");
-    Interpolate& e = engine("meanA", 3600, 0, true, ms("2024-05-07T10:17:00Z"), ms("2024-05-07T12:40:00Z"));
-    long long readStart = 0;
-    long long readEnd = 0;
-    ASSERT_TRUE(e.getRange(readStart, readEnd));
-    EXPECT_EQ(e.alignedStart, ms("2024-05-07T11:00:00Z"));  // stepped forward past the first record
-    EXPECT_EQ(readStart, first);
-    EXPECT_EQ(readEnd, last);
-    EXPECT_TRUE(e.noPreviousRecords);
-    EXPECT_TRUE(e.noRecordAfterEnd);
-    EXPECT_FALSE(e.needsPreviousDataRecords());
-}
-
-TEST_F(Intervals, StartFarBeforeTheSeriesStepsToTheFirstBoundaryAtOrAfterIt)
-{
-    first = ms("2024-05-07T10:30:00Z");
-    Interpolate& fixed = engine("meanA", 1, 0, false, 7, ms("2024-05-07T12:00:00Z"));
-    long long rs = 0;
-    long long re = 0;
-    ASSERT_TRUE(fixed.getRange(rs, re));
-    EXPECT_EQ(fixed.alignedStart, ms("2024-05-07T10:30:00Z") + 7);
-
-    Interpolate& monthly = engine("meanA", -3, 0, false, ms("2023-11-15T00:00:00Z"), ms("2024-09-01T00:00:00Z"));
-    ASSERT_TRUE(monthly.getRange(rs, re));
-    EXPECT_EQ(monthly.alignedStart, ms("2024-05-15T00:00:00Z"));
-}
-
-TEST_F(Intervals, RawReadingStartsAtTheFirstRecordAndReadsExactlyTheRange)
-{
-    first = ms("2024-05-07T10:30:00Z");
-    Interpolate& e = engine("", 0, 0, true, ms("2024-05-07T10:17:00Z"), ms("2024-05-07T12:40:00Z"));
-    long long readStart = 0;
-    long long readEnd = 0;
-    ASSERT_TRUE(e.getRange(readStart, readEnd));
-    EXPECT_EQ(readStart, first);
-    EXPECT_EQ(readEnd, ms("2024-05-07T12:40:00Z"));
-}
-
-TEST_F(Intervals, EmptyRangeReadsNothing)
-{
-    first = ms("2024-05-07T10:30:00Z");
-    Interpolate& e = engine("meanA", 3600, 0, false, ms("2024-05-07T10:00:00Z"), ms("2024-05-07T10:00:00Z"));
-    long long readStart = 0;
-    long long readEnd = 0;
-    EXPECT_FALSE(e.getRange(readStart, readEnd));
+    EXPECT_EQ(range(engine("meanA", 3600, "2024-05-07T10:17:00Z", "2024-05-07T12:40:00Z", true)),
+              "10:30 12:10 11:00 13:00");
+    EXPECT_TRUE(built->noPreviousRecords);
+    EXPECT_TRUE(built->noRecordAfterEnd);
+    EXPECT_FALSE(built->needsPreviousDataRecords());
+    EXPECT_EQ(range(engine("", 0, "2024-05-07T10:17:00Z", "2024-05-07T12:40:00Z", true)), "10:30 12:10 10:30 12:40");
+    EXPECT_EQ(range(engine("meanA", 3600, "2024-05-07T10:00:00Z", "2024-05-07T10:00:00Z")), "empty");
+    EXPECT_EQ(range(engine("meanA", 1, "1970-01-01T00:00:00.007Z")), "10:30 12:10 10:30:00.007 12:40");
+    EXPECT_EQ(range(engine("meanA", -3, "2023-11-15T00:00:00Z", "2024-09-01T00:00:00Z")), "10:30 12:10 00:00 00:00");
+    EXPECT_EQ(built->alignedStart, ms("2024-05-15T00:00:00Z"));
 }
 
 TEST_F(Intervals, SpecialBoundsStandForTheSeriesEndsAndNow)
 {
     first = ms("2024-05-07T10:30:00Z");
     last = ms("2024-06-07T10:30:00Z");
-    long long rs = 0;
-    long long re = 0;
-    Interpolate& series = engine("meanA", -1, 0, false, -2, -3);
-    ASSERT_TRUE(series.getRange(rs, re));
-    EXPECT_EQ(series.alignedStart, ms("2024-05-08T00:00:00Z"));  // 7 May 00:00, stepped past the first record
-    EXPECT_EQ(series.alignedEnd, last);                         // an end bound is not aligned
+    Interpolate& e = engine("meanA", -1);
+    e.rangeStart = -2;
+    e.rangeEnd = -3;
+    range(e);
+    EXPECT_EQ(e.alignedStart, ms("2024-05-08T00:00:00Z"));  // 7 May 00:00, stepped past the first record
+    EXPECT_EQ(e.alignedEnd, last);                          // an end bound is not aligned
 
-    last = Kel::detail::nowMs();
-    Interpolate& recent = engine("meanA", 3600, 0, false, -3, -1);
-    ASSERT_TRUE(recent.getRange(rs, re));
-    EXPECT_EQ(recent.alignedStart % kHourMs, 0);
-    EXPECT_GE(recent.alignedEnd, last);
+    const long long before = Kel::detail::nowMs();
+    Interpolate& recent = engine("meanA", 3600);
+    recent.rangeStart = -1;
+    recent.rangeEnd = -1;
+    range(recent);
+    EXPECT_EQ(recent.alignedStart % 3600000, 0);
+    EXPECT_GT(recent.alignedStart, before - 3600000);
+    EXPECT_GE(recent.alignedEnd, before);
 }
 
-// --- getFastCount ---
-
-TEST_F(Intervals, FastCountCountsIntervalsTimesResultsPerInterval)
-{
-    Interpolate& daily = engine("minMaxFill", -1);
-    daily.alignedStart = ms("2024-01-01T00:00:00Z");
-    daily.alignedEnd = ms("2024-01-31T00:00:00Z");
-    EXPECT_EQ(daily.getFastCount(), 62);
-
-    Interpolate& hourly = engine("prevNextFill", 3600);
-    hourly.alignedStart = ms("2024-05-07T10:00:00Z");
-    hourly.alignedEnd = ms("2024-05-07T13:00:00Z");
-    EXPECT_EQ(hourly.getFastCount(), 8);
-}
-
-TEST_F(Intervals, FastCountOfCalendarUnitsCountsCalendarPeriods)
+TEST_F(Intervals, CountIsKnownWithoutReadingOnlyWhenEveryIntervalYields)
 {
     struct Case {
         const char* method;
@@ -301,13 +189,17 @@ TEST_F(Intervals, FastCountOfCalendarUnitsCountsCalendarPeriods)
         long long count;
     };
     const Case cases[] = {
+        {"minMaxFill", -1, "2024-01-01T00:00:00Z", "2024-01-31T00:00:00Z", 62},
+        {"prevNextFill", 3600, "2024-05-07T10:00:00Z", "2024-05-07T13:00:00Z", 8},
+        {"prevNextLinearFill", -1, "2024-01-01T00:00:00Z", "2024-01-03T00:00:00Z", 3},
         {"meanAFill", -2, "2024-01-01T00:00:00Z", "2024-01-31T00:00:00Z", 5},
         {"meanAFill", -3, "2024-01-15T00:00:00Z", "2024-06-01T00:00:00Z", 6},
         {"meanAFill", -4, "2024-01-15T00:00:00Z", "2024-06-01T00:00:00Z", 2},
         {"meanAFill", -5, "2024-01-15T00:00:00Z", "2024-06-01T00:00:00Z", 1},
         {"meanAFill", -6, "2022-03-01T00:00:00Z", "2024-06-01T00:00:00Z", 3},
         {"meanAFill", -7, "2022-03-01T00:00:00Z", "2024-06-01T00:00:00Z", 0},
-        {"prevNextLinearFill", -1, "2024-01-01T00:00:00Z", "2024-01-03T00:00:00Z", 3},
+        {"meanA", 3600, "2024-05-07T10:00:00Z", "2024-05-07T13:00:00Z", -1},
+        {"", 0, "2024-05-07T10:00:00Z", "2024-05-07T13:00:00Z", -1},
     };
     for (const Case& c : cases) {
         Interpolate& e = engine(c.method, c.unit);
@@ -315,30 +207,18 @@ TEST_F(Intervals, FastCountOfCalendarUnitsCountsCalendarPeriods)
         e.alignedEnd = ms(c.end);
         EXPECT_EQ(e.getFastCount(), c.count) << c.method << " " << c.unit;
     }
-}
-
-TEST_F(Intervals, FastCountIsUnknownWithoutFillWithFiltersOrForRawRecords)
-{
-    EXPECT_EQ(engine("meanA", 3600).getFastCount(), -1);
-    EXPECT_EQ(engine("", 0).getFastCount(), -1);
-    Interpolate::InterpolateParam filtered = request("meanAFill", 3600);
-    filtered.filterParams.push_back(Interpolate::FilterParam{});
-    Interpolate e(filtered, {}, 0, 0, first, last, &out, QMetaType::Double, false, resultCount, false);
-    EXPECT_EQ(e.getFastCount(), -1);
+    Interpolate& filtered = engine("meanAFill", 3600);
+    filtered.filters.push_back(Interpolate::FilterParam{});
+    EXPECT_EQ(filtered.getFastCount(), -1);
 }
 
 TEST_F(Intervals, KnownCountIsStoredByGetRangeAndNotRaisedByFinalize)
 {
     countOnly = true;
-    Interpolate& e = engine("meanAFill", 3600, 0, false, ms("2024-05-07T10:00:00Z"), ms("2024-05-07T13:00:00Z"));
-    long long rs = 0;
-    long long re = 0;
-    ASSERT_TRUE(e.getRange(rs, re));
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].timestamp, 0);
-    EXPECT_EQ(out[0].value.toLongLong(), 4);
+    Interpolate& e = engine("meanAFill", 3600, "2024-05-07T10:00:00Z", "2024-05-07T13:00:00Z");
+    range(e);
     e.finalize();
-    EXPECT_EQ(out[0].value.toLongLong(), 4);
+    EXPECT_EQ(Kel::test::show(out), "00:00=4");
 }
 
 } // namespace

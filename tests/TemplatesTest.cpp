@@ -3,8 +3,6 @@
 #include "EngineHarness.h"
 
 #include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
@@ -12,6 +10,7 @@
 
 using Kel::Interpolate;
 using Kel::test::LogCapture;
+using Kel::test::writeBytes;
 
 namespace {
 
@@ -19,52 +18,31 @@ class Templates : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(install.isValid());
-        ASSERT_TRUE(project.isValid());
-        saveAndSet("VANTIK_INSTALL_PATH", install.path() + u'/', savedInstall, hadInstall);
-        saveAndSet("VANTIK_CURRENT_PROJECT_LOCATION", project.path() + u'/', savedProject, hadProject);
+        ASSERT_TRUE(install.isValid() && project.isValid());
+        for (const char* name : {"VANTIK_INSTALL_PATH", "VANTIK_CURRENT_PROJECT_LOCATION"})
+            saved.push_back({name, qgetenv(name), qEnvironmentVariableIsSet(name)});
+        qputenv("VANTIK_INSTALL_PATH", (install.path() + '/').toUtf8());
+        qputenv("VANTIK_CURRENT_PROJECT_LOCATION", (project.path() + '/').toUtf8());
     }
 
     void TearDown() override
     {
-        restore("VANTIK_INSTALL_PATH", savedInstall, hadInstall);
-        restore("VANTIK_CURRENT_PROJECT_LOCATION", savedProject, hadProject);
+        for (const Saved& s : saved) {
+            if (s.wasSet)
+                qputenv(s.name, s.value);
+            else
+                qunsetenv(s.name);
+        }
     }
 
-    static void saveAndSet(const char* name, const QString& value, QByteArray& saved, bool& had)
-    {
-        had = qEnvironmentVariableIsSet(name);
-        saved = qgetenv(name);
-        qputenv(name, value.toUtf8());
-    }
+    QString installFile() const { return install.filePath("cfg/dms/InterpolateTemplates.json"); }
+    QString projectFile() const { return project.filePath("cfg/InterpolateTemplates_User.json"); }
 
-    static void restore(const char* name, const QByteArray& saved, bool had)
-    {
-        if (had)
-            qputenv(name, saved);
-        else
-            qunsetenv(name);
-    }
-
-    void installFile(const char* json) { Kel::test::writeBytes(install.filePath("cfg/dms/InterpolateTemplates.json"), json); }
-    void installUserFile(const char* json)
-    {
-        Kel::test::writeBytes(install.filePath("cfg/dms/InterpolateTemplates_User.json"), json);
-    }
-    void processManagerFile(const char* json)
-    {
-        Kel::test::writeBytes(install.filePath("proj/_ProcessManager/cfg/InterpolateTemplates_User.json"), json);
-    }
-    void projectFile(const char* json)
-    {
-        Kel::test::writeBytes(project.filePath("cfg/InterpolateTemplates_User.json"), json);
-    }
-
-    // Looks a template up into a request and chain that hold recognisable values.
+    // Looks a template up into a request and chain that hold the caller's values.
     void lookUp(const char* name, int defaultOffset = 30)
     {
         param = Interpolate::InterpolateParam{};
-        param.method = QStringLiteral("callersMethod");
+        param.method = QStringLiteral("callers");
         param.interval = 77;
         param.offsetMinFromUTC = -5;
         chain = {Interpolate::InterpolateParam{}};
@@ -72,57 +50,51 @@ protected:
         Interpolate::loadTemplateParams(QString::fromUtf8(name), param, chain, defaultOffset);
     }
 
+    struct Saved {
+        const char* name;
+        QByteArray value;
+        bool wasSet;
+    };
+    std::vector<Saved> saved;
     QTemporaryDir install;
     QTemporaryDir project;
-    QByteArray savedInstall;
-    QByteArray savedProject;
-    bool hadInstall = false;
-    bool hadProject = false;
     Interpolate::InterpolateParam param;
     std::vector<Interpolate::InterpolateParam> chain;
 };
 
-TEST_F(Templates, AllFilesAreMergedInTheirOrder)
+TEST_F(Templates, AllFilesAreMergedInTheirOrderAndReadAfreshEachTime)
 {
-    installFile(R"([{"name":"a"},{"name":"b"}])");
-    installUserFile(R"([{"name":"c"}])");
-    processManagerFile(R"([{"name":"d"}])");
-    projectFile(R"([{"name":"e"}])");
-
-    const QJsonArray all = Interpolate::loadTemplates().array();
-    QStringList names;
-    for (const QJsonValue& v : all)
-        names << v.toObject().value(QStringLiteral("name")).toString();
-    EXPECT_EQ(names, (QStringList{"a", "b", "c", "d", "e"}));
+    EXPECT_EQ(Interpolate::getTemplates(), QStringLiteral("[]"));
+    writeBytes(installFile(), R"([{"name":"a"},{"name":"b"}])");
+    writeBytes(install.filePath("cfg/dms/InterpolateTemplates_User.json"), R"([{"name":"c"}])");
+    writeBytes(install.filePath("proj/_ProcessManager/cfg/InterpolateTemplates_User.json"), R"([{"name":"d"}])");
+    writeBytes(projectFile(), R"([{"name":"e"}])");
     EXPECT_EQ(Interpolate::getTemplates(),
               QStringLiteral(R"([{"name":"a"},{"name":"b"},{"name":"c"},{"name":"d"},{"name":"e"}])"));
+    EXPECT_EQ(Interpolate::loadTemplates().array().size(), 5);
 }
 
-TEST_F(Templates, BrokenFileIsLoggedAndSkippedAndAnObjectFileIsSkippedSilently)
+TEST_F(Templates, BrokenFileIsLoggedAndSkippedAndAnObjectFileSkippedSilently)
 {
     LogCapture log;
-    installFile(R"([{"name":"a"},)");
-    installUserFile(R"({"name":"b"})");
-    projectFile(R"([{"name":"c"}])");
-
+    writeBytes(installFile(), R"([{"name":"a"},)");
+    writeBytes(install.filePath("cfg/dms/InterpolateTemplates_User.json"), R"({"name":"b"})");
+    writeBytes(projectFile(), R"([{"name":"c"}])");
     EXPECT_EQ(Interpolate::getTemplates(), QStringLiteral(R"([{"name":"c"}])"));
     ASSERT_EQ(log.entries.size(), 1u);
     EXPECT_EQ(log.entries[0].level, 4);
-    EXPECT_EQ(log.entries[0].sourceFile, QStringLiteral("lib/KelTSFileStorage/src/Interpolate"));
-    EXPECT_TRUE(log.entries[0].message.startsWith(QStringLiteral("Interpolate template: Parse error on '")
-                                                  + install.filePath("cfg/dms/InterpolateTemplates.json") + "': '"))
+    EXPECT_TRUE(log.entries[0].message.contains(QRegularExpression(
+        "^Interpolate template: Parse error on '" + QRegularExpression::escape(installFile()) + "': '.+' at offset \\d+$")))
         << log.entries[0].message.toStdString();
-    EXPECT_TRUE(log.entries[0].message.contains(QRegularExpression("' at offset \\d+$")));
 }
 
-TEST_F(Templates, PrimaryRequestAndChainAreFilledFromTheTemplate)
+TEST_F(Templates, TemplateFillsTheRequestAndItsChain)
 {
-    installFile(R"([{"name":"Daily","interpolateParam":{"method":"meanA","interval":-1,
+    writeBytes(installFile(), R"([{"name":"Daily","interpolateParam":{"method":"meanA","interval":-1,
         "alignStartEndTimestamp":true,"offsetMinFromUTC":60,"filterParams":[{"weekDays":[1]}]},
         "normalizeParams":[{"method":"prev","interval":60,"alignStartEndTimestamp":true,"offsetMinFromUTC":-60,
-                            "filterParams":[{"months":[2]}]},{}]}])");
+                            "filterParams":[{"months":[2]}]},{},7]}])");
     lookUp("Daily");
-
     EXPECT_EQ(param.method, QStringLiteral("meanA"));
     EXPECT_EQ(param.interval, -1);
     EXPECT_TRUE(param.alignStartEndTimestamp);
@@ -130,46 +102,28 @@ TEST_F(Templates, PrimaryRequestAndChainAreFilledFromTheTemplate)
     ASSERT_EQ(param.filterParams.size(), 1u);
     EXPECT_EQ(param.filterParams[0].weekDays, (std::vector<int>{1}));
 
-    ASSERT_EQ(chain.size(), 2u);
+    ASSERT_EQ(chain.size(), 3u);
     EXPECT_EQ(chain[0].method, QStringLiteral("prev"));
     EXPECT_EQ(chain[0].interval, 60);
     EXPECT_TRUE(chain[0].alignStartEndTimestamp);
     EXPECT_EQ(chain[0].offsetMinFromUTC, -60);
-    ASSERT_EQ(chain[0].filterParams.size(), 1u);
-    EXPECT_EQ(chain[0].filterParams[0].months, (std::vector<int>{2}));
-}
-
-TEST_F(Templates, EmptyNormalisationStepTakesItsDefaults)
-{
-    installFile(R"([{"name":"Daily","normalizeParams":[{},7]}])");
-    lookUp("Daily");
-    ASSERT_EQ(chain.size(), 2u);
-    for (const Interpolate::InterpolateParam& step : chain) {
-        EXPECT_EQ(step.method, QStringLiteral("prevNextLinearFill"));
-        EXPECT_EQ(step.interval, 900);
-        EXPECT_FALSE(step.alignStartEndTimestamp);
-        EXPECT_EQ(step.offsetMinFromUTC, 30);
-        EXPECT_TRUE(step.filterParams.empty());
+    EXPECT_EQ(chain[0].filterParams.at(0).months, (std::vector<int>{2}));
+    for (int i : {1, 2}) {  // {} and a step that is no object take every default
+        EXPECT_EQ(chain[i].method, QStringLiteral("prevNextLinearFill"));
+        EXPECT_EQ(chain[i].interval, 900);
+        EXPECT_FALSE(chain[i].alignStartEndTimestamp);
+        EXPECT_EQ(chain[i].offsetMinFromUTC, 30);
+        EXPECT_TRUE(chain[i].filterParams.empty());
     }
 }
 
-TEST_F(Templates, KeysLeftOutKeepTheCallersValuesExceptTheOffset)
+TEST_F(Templates, KeysLeftOutKeepTheCallersValuesExceptTheOffsetAndWrongTypesTakeDefaults)
 {
-    installFile(R"([{"name":"Daily","interpolateParam":{"interval":3600}}])");
-    lookUp("Daily", 30);
-    EXPECT_EQ(param.method, QStringLiteral("callersMethod"));
-    EXPECT_EQ(param.interval, 3600);
-    EXPECT_EQ(param.offsetMinFromUTC, 30);
-    ASSERT_EQ(chain.size(), 1u);
-    EXPECT_EQ(chain[0].method, QStringLiteral("callersStep"));
-}
-
-TEST_F(Templates, WrongTypesFallBackToDefaults)
-{
-    installFile(R"([{"name":"Daily","interpolateParam":{"interval":1.5,"alignStartEndTimestamp":"yes",
+    writeBytes(installFile(), R"([{"name":"Daily","interpolateParam":{"interval":1.5,"alignStartEndTimestamp":"yes",
         "offsetMinFromUTC":"60","filterParams":{"months":[1]}},
         "normalizeParams":[{"method":5,"interval":"x","offsetMinFromUTC":2.5}]}])");
-    lookUp("Daily", 30);
+    lookUp("Daily");
+    EXPECT_EQ(param.method, QStringLiteral("callers"));
     EXPECT_EQ(param.interval, 0);
     EXPECT_FALSE(param.alignStartEndTimestamp);
     EXPECT_EQ(param.offsetMinFromUTC, 30);
@@ -182,49 +136,36 @@ TEST_F(Templates, WrongTypesFallBackToDefaults)
 
 TEST_F(Templates, LaterFilesOverrideTheKeysTheyCarry)
 {
-    installFile(R"([{"name":"Daily","interpolateParam":{"method":"meanA","interval":-1,"offsetMinFromUTC":60},
-        "normalizeParams":[{"method":"prev"}]}])");
-    projectFile(R"([{"name":"Daily","interpolateParam":{"method":"max"}}])");
-    lookUp("Daily", 30);
+    writeBytes(installFile(), R"([{"name":"Daily","interpolateParam":{"method":"meanA","interval":-1,
+        "offsetMinFromUTC":60},"normalizeParams":[{"method":"prev"}]}])");
+    writeBytes(projectFile(), R"([{"name":"Daily","interpolateParam":{"method":"max"}},{"name":"Other","normalizeParams":[]}])");
+    lookUp("Daily");
     EXPECT_EQ(param.method, QStringLiteral("max"));
     EXPECT_EQ(param.interval, -1);
-    EXPECT_EQ(param.offsetMinFromUTC, 30);  // the later entry leaves it out: the caller's default
+    EXPECT_EQ(param.offsetMinFromUTC, 30);  // left out by the later entry: the caller's default
     ASSERT_EQ(chain.size(), 1u);
     EXPECT_EQ(chain[0].method, QStringLiteral("prev"));
-}
-
-TEST_F(Templates, EmptyChainInTheTemplateEmptiesTheCallersChain)
-{
-    installFile(R"([{"name":"Daily","normalizeParams":[]}])");
-    lookUp("Daily");
+    lookUp("Other");
     EXPECT_TRUE(chain.empty());
 }
 
 TEST_F(Templates, NamesMatchExactlyAfterAnExclamationMark)
 {
-    installFile(R"([{"name":"Daily","interpolateParam":{"method":"meanA"}}])");
+    writeBytes(installFile(), R"([{"name":"Daily","interpolateParam":{"method":"meanA"}}])");
     lookUp("!Daily");
     EXPECT_EQ(param.method, QStringLiteral("meanA"));
     lookUp("daily");
-    EXPECT_EQ(param.method, QStringLiteral("callersMethod"));
+    EXPECT_EQ(param.method, QStringLiteral("callers"));
     EXPECT_EQ(param.interval, 77);
     EXPECT_EQ(param.offsetMinFromUTC, -5);
-    ASSERT_EQ(chain.size(), 1u);
+    EXPECT_EQ(chain.size(), 1u);
 }
 
 TEST_F(Templates, VariablesWithoutATrailingSlashFindNoFile)
 {
-    installFile(R"([{"name":"a"}])");
+    writeBytes(installFile(), R"([{"name":"a"}])");
     qputenv("VANTIK_INSTALL_PATH", install.path().toUtf8());
-    qputenv("VANTIK_CURRENT_PROJECT_LOCATION", project.path().toUtf8());
     EXPECT_EQ(Interpolate::getTemplates(), QStringLiteral("[]"));
-}
-
-TEST_F(Templates, FilesAreReadAfreshOnEveryCall)
-{
-    EXPECT_EQ(Interpolate::getTemplates(), QStringLiteral("[]"));
-    projectFile(R"([{"name":"a"}])");
-    EXPECT_EQ(Interpolate::getTemplates(), QStringLiteral(R"([{"name":"a"}])"));
 }
 
 } // namespace
