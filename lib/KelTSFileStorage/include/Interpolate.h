@@ -81,6 +81,8 @@ public:
     void checkLimit();
     bool needsPreviousDataRecords();
     bool needsDataRecordAfterRangeEnd();
+    // True when handle_raw would append every record of the aligned range to
+    // the output unchanged, so that a reader may copy the records itself.
     bool passesRawRecordsThrough() const;
 
     // Intervals
@@ -160,20 +162,24 @@ public:
     long long lastRecordTime = 0;
     long long readStart = -1;
     long long readEnd = -1;
-    DataRecord previousRecord;
-    DataRecord keptRecord;
-    DataRecord nextRecord;
+    DataRecord previousRecord;   // the last record seen (SUM, PREV, NEXT, PREV_NEXT)
+    DataRecord keptRecord;       // the extreme of MIN and MAX, the minimum of MIN_MAX
+    DataRecord keptMaxRecord;    // the maximum of MIN_MAX
     std::vector<double> values;
     std::map<double, int> valueCounts;
     long long recordCount = 0;
     double sum = 0.0;
-    double secondSum = 0.0;
+    double secondSum = 0.0;      // spare accumulators, not used by the current handlers
     int pushedCount = 0;
     double lastValue = 0.0;
     DiffHandler diffHandler = nullptr;
     std::deque<QVariant> diffHistory;
     QList<double> counterWrapValues;
     bool counterZeroSeen = false;
+    // Set by getRange when there are records to take; cleared when a limit or
+    // an error stops the read, when a count is known without reading, and by
+    // finalize. An engine that takes no records closes no interval either.
+    bool acceptsRecords = false;
 };
 
 } // namespace Kel

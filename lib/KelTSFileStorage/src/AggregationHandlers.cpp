@@ -1,0 +1,500 @@
+// The aggregation methods: one handler per method, called by the driver with
+// every raw record. A handler collects the records of the current interval
+// and, when a record at or beyond the interval's end arrives, delivers the
+// finished interval through pushIntervalValue and moves on to the next one.
+// Intervals without records yield nothing, or with fill a value of their own
+// (marked null with fillNull). finalize closes the last interval with a
+// record that carries no value.
+//
+// The interval that ends at B is [B - interval, B): a record exactly at B
+// belongs to the next one. The per-record path allocates nothing: MEDIAN and
+// MODE reuse their containers from interval to interval.
+
+#include "Interpolate.h"
+
+#include "EngineSupport.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace Kel {
+
+namespace {
+
+using DataRecord = Interpolate::DataRecord;
+
+// Caps on what one interval may collect; reaching one stops the read.
+constexpr std::size_t kMaxMedianValuesPerInterval = 10000000;
+constexpr std::size_t kMaxModeValuesPerInterval = 1000000;
+
+constexpr double kNoValue = std::numeric_limits<double>::quiet_NaN();
+
+// Moves past every boundary at or before ts without delivering anything.
+void skipIntervalsThrough(Interpolate& e, long long ts)
+{
+    if (e.intervalMs > 0 && ts >= e.intervalNext)
+        e.intervalNext += (ts - e.intervalNext) / e.intervalMs * e.intervalMs;
+    while (ts >= e.intervalNext)
+        e.incIntervalNextTimestamp();
+}
+
+// The intervals that end at or before ts and hold no record.
+void closeEmptyIntervalsThrough(Interpolate& e, long long ts)
+{
+    if (!e.fill) {
+        skipIntervalsThrough(e, ts);
+        return;
+    }
+    while (ts >= e.intervalNext) {
+        e.pushIntervalValue(e.intervalNext, 0.0, e.fillNull);
+        e.incIntervalNextTimestamp();
+    }
+}
+
+void startEmptyInterval(Interpolate& e)
+{
+    e.recordCount = 0;
+    e.sum = 0.0;
+    e.values.clear();
+    e.valueCounts.clear();
+}
+
+// The frame that COUNT, the means, SUM, MEDIAN and MODE share. add() takes a
+// record into the current interval; finish() gives the value of a finished
+// interval, or false when the interval counts as empty.
+template <typename Add, typename Finish>
+inline void collectPerInterval(Interpolate& e, const DataRecord& record, long long ts, Add add, Finish finish)
+{
+    if (ts < e.intervalNext) {
+        add(record);
+        return;
+    }
+    double value = 0.0;
+    if (e.recordCount >= 1 && finish(value)) {
+        e.pushIntervalValue(e.intervalNext, value, false);
+        e.incIntervalNextTimestamp();
+    }
+    startEmptyInterval(e);
+    closeEmptyIntervalsThrough(e, ts);
+    add(record);
+}
+
+// PREV, NEXT and PREV_NEXT sample the series at each interval end B: the
+// value held at B is the last record at or before it, the next value the
+// first record at or after it. previousRecord is the last record seen, so the
+// interval ending at B held a record exactly when previousRecord lies in it.
+enum class Sample { Held, Following, Both };
+
+bool previousRecordInCurrentInterval(const Interpolate& e)
+{
+    return e.previousRecord.value.isValid() && e.previousRecord.timestamp >= e.intervalStart
+           && e.previousRecord.timestamp < e.intervalNext;
+}
+
+// Without fill, intervals without records yield nothing: move on to the next
+// one that can yield, the one that holds previousRecord when that is not
+// behind (a linear read starts from a record it kept), else the one ts falls in.
+void skipToIntervalWithData(Interpolate& e, long long ts)
+{
+    const DataRecord& previous = e.previousRecord;
+    const bool previousNotBehind = previous.value.isValid() && previous.timestamp >= e.intervalStart;
+    skipIntervalsThrough(e, previousNotBehind ? std::min(previous.timestamp, ts) : ts);
+}
+
+// The value held at the interval end: the record at the end itself, else the
+// last one before it (null when the engine has seen none).
+const DataRecord* heldAt(const Interpolate& e, const DataRecord& record, bool hasValue, long long end)
+{
+    if (hasValue && record.timestamp == end)
+        return &record;
+    return e.previousRecord.value.isValid() ? &e.previousRecord : nullptr;
+}
+
+void closeSampledIntervals(Interpolate& e, DataRecord&& record, long long ts, Sample sample)
+{
+    const bool hasValue = record.value.isValid();  // false for finalize's closing record
+    while (ts >= e.intervalNext) {
+        const long long end = e.intervalNext;
+        const bool hasData = previousRecordInCurrentInterval(e);
+        if (hasData || e.fill) {
+            const bool isNull = !hasData && e.fillNull;
+            const DataRecord* held = heldAt(e, record, hasValue, end);
+            if (sample != Sample::Following && held)
+                e.pushIntervalValue(end, held->value.toDouble(), isNull);
+            // The record that closes the interval is the first one at or after its end.
+            if (sample != Sample::Held && hasValue)
+                e.pushIntervalValue(sample == Sample::Both ? end + 1 : end, record.value.toDouble(), isNull);
+        }
+        e.incIntervalNextTimestamp();
+        if (!e.fill)
+            skipToIntervalWithData(e, ts);
+    }
+    if (hasValue)
+        e.previousRecord = std::move(record);
+}
+
+// With linear, each interval end B gets the value interpolated between the
+// last record before B and the first at or after it. An end before the first
+// record the engine knows takes that record's value.
+void closeInterpolatedIntervals(Interpolate& e, DataRecord&& record, long long ts)
+{
+    const DataRecord& previous = e.previousRecord;
+    while (ts >= e.intervalNext) {
+        const long long end = e.intervalNext;
+        const bool hasData = previousRecordInCurrentInterval(e);
+        if (hasData || e.fill) {
+            const double value = previous.timestamp <= end
+                                     ? e.linearInterpolate(previous.timestamp, previous.value.toDouble(), end,
+                                                           ts, record.value.toDouble())
+                                     : previous.value.toDouble();
+            e.pushIntervalValue(end, value, !hasData && e.fillNull);
+        }
+        e.incIntervalNextTimestamp();
+        if (!e.fill)
+            skipToIntervalWithData(e, ts);
+    }
+    e.previousRecord = std::move(record);
+}
+
+void samplingHandler(Interpolate& e, DataRecord&& record, long long ts, Sample sample)
+{
+    if (e.linear)
+        closeInterpolatedIntervals(e, std::move(record), ts);
+    else
+        closeSampledIntervals(e, std::move(record), ts, sample);
+}
+
+bool replacesKept(const QVariant& kept, double candidate, bool isMin)
+{
+    if (kept.isNull())
+        return true;
+    const double keptValue = kept.toDouble();
+    return isMin ? keptValue > candidate : candidate > keptValue;
+}
+
+void keepIfMoreExtreme(DataRecord& kept, const DataRecord& record, bool isMin)
+{
+    if (replacesKept(kept.value, record.value.toDouble(), isMin))
+        kept = record;
+}
+
+// Linear SUM: an amount at one instant. Intervals ending before it had no
+// known span and yield nothing; an amount at or before the start of the
+// first interval belongs to no result.
+void addToSumAt(Interpolate& e, long long t, double amount)
+{
+    if (t <= e.intervalStart)
+        return;
+    skipIntervalsThrough(e, t - 1);
+    e.sum += amount;
+}
+
+// Linear SUM: an amount gathered over (from, ts], shared among the intervals
+// in proportion to time. Every interval the span reaches yields its sum.
+void spreadOverIntervals(Interpolate& e, long long from, long long ts, double amount)
+{
+    if (from < e.intervalStart) {
+        const long long cut = std::min(ts, e.intervalStart);
+        amount -= e.linearInterpolate(from, 0.0, cut, ts, amount);
+        from = cut;
+    }
+    while (ts >= e.intervalNext) {
+        const long long end = e.intervalNext;
+        if (end >= from) {
+            const double share = e.linearInterpolate(from, 0.0, end, ts, amount);
+            e.sum += share;
+            amount -= share;
+            from = end;
+            e.pushIntervalValue(end, e.sum, false);
+        }
+        e.incIntervalNextTimestamp();
+        e.sum = 0.0;
+    }
+    e.sum += amount;
+}
+
+} // namespace
+
+void Interpolate::handle_raw(DataRecord record, long long ts)
+{
+    Q_UNUSED(ts);
+    if (record.timestamp < alignedStart || record.timestamp > alignedEnd)
+        return;
+    if (!filters.empty() && !filterMatch(record))
+        return;
+    if (countOnly) {
+        detail::raiseCountRecord(*outputRecords);
+        return;
+    }
+    if (next)
+        next->handleNextRawRecord(std::move(record));
+    else
+        outputRecords->push_back(std::move(record));
+    checkLimit();
+}
+
+void Interpolate::handle_PREV_NEXT(DataRecord record, long long ts)
+{
+    samplingHandler(*this, std::move(record), ts, Sample::Both);
+}
+
+void Interpolate::handle_PREV(DataRecord record, long long ts)
+{
+    samplingHandler(*this, std::move(record), ts, Sample::Held);
+}
+
+void Interpolate::handle_NEXT(DataRecord record, long long ts)
+{
+    samplingHandler(*this, std::move(record), ts, Sample::Following);
+}
+
+// The minimum first, stamped at the interval's end, the maximum 1 ms later;
+// with average one value, their mean.
+void Interpolate::handle_MIN_MAX(DataRecord record, long long ts)
+{
+    if (ts < intervalNext) {
+        keepIfMoreExtreme(keptRecord, record, true);
+        keepIfMoreExtreme(keptMaxRecord, record, false);
+        ++recordCount;
+        return;
+    }
+    const auto deliver = [this](bool isNull) {
+        const double low = keptRecord.value.toDouble();
+        const double high = keptMaxRecord.value.toDouble();
+        if (average) {
+            pushIntervalValue(intervalNext, (low + high) / 2.0, isNull);
+        } else {
+            pushIntervalValue(intervalNext, low, isNull);
+            pushIntervalValue(intervalNext + 1, high, isNull);
+        }
+    };
+    if (recordCount >= 1 && !keptRecord.value.isNull()) {
+        deliver(false);
+        incIntervalNextTimestamp();
+    }
+    if (fill && !keptRecord.value.isNull()) {
+        while (ts >= intervalNext) {
+            deliver(fillNull);
+            incIntervalNextTimestamp();
+        }
+    }
+    skipIntervalsThrough(*this, ts);
+    keptRecord = record;
+    keptMaxRecord = std::move(record);
+    recordCount = 1;
+}
+
+void Interpolate::handle_MIN(DataRecord record, long long ts)
+{
+    handle_MINorMAX(std::move(record), ts, true);
+}
+
+void Interpolate::handle_MAX(DataRecord record, long long ts)
+{
+    handle_MINorMAX(std::move(record), ts, false);
+}
+
+// The extreme is stamped with its own time, so that a trend shows it where it
+// happened; with align, or when results are labelled at the interval's start,
+// it is stamped at the interval's end like every other method. Empty
+// intervals filled after it carry its value at their own ends.
+void Interpolate::handle_MINorMAX(DataRecord record, long long ts, bool isMin)
+{
+    if (ts < intervalNext) {
+        keepIfMoreExtreme(keptRecord, record, isMin);
+        ++recordCount;
+        return;
+    }
+    if (recordCount >= 1 && !keptRecord.value.isNull()) {
+        const bool atIntervalEnd = align || labelAtIntervalStart;
+        pushIntervalValue(atIntervalEnd ? intervalNext : keptRecord.timestamp, keptRecord.value.toDouble(), false);
+        incIntervalNextTimestamp();
+    }
+    if (fill && !keptRecord.value.isNull()) {
+        while (ts >= intervalNext) {
+            pushIntervalValue(intervalNext, keptRecord.value.toDouble(), fillNull);
+            incIntervalNextTimestamp();
+        }
+    }
+    skipIntervalsThrough(*this, ts);
+    keptRecord = std::move(record);
+    recordCount = 1;
+}
+
+// Without linear, the sum of the values in the interval.
+//
+// With linear, a value is an amount gathered since the record before it and
+// is shared among the intervals its span covers in proportion to time, so
+// that the differences of a meter counter give each interval's consumption
+// and the intervals add up to the counter's whole increase. Here an interval
+// ending at B covers (B - interval, B]. A value whose span has no known start
+// counts whole at its own time: the first record of a read, and the record
+// the driver kept in previousRecord before the first call.
+void Interpolate::handle_SUM(DataRecord record, long long ts)
+{
+    if (!linear) {
+        collectPerInterval(
+            *this, record, ts,
+            [this](const DataRecord& r) {
+                ++recordCount;
+                sum += r.value.toDouble();
+            },
+            [this](double& value) {
+                value = sum;
+                return true;
+            });
+        previousRecord = std::move(record);
+        return;
+    }
+
+    if (recordCount == 0 && previousRecord.value.isValid())
+        addToSumAt(*this, previousRecord.timestamp, previousRecord.value.toDouble());
+    ++recordCount;
+    const double value = record.value.toDouble();
+    if (previousRecord.value.isValid())
+        spreadOverIntervals(*this, previousRecord.timestamp, ts, value);
+    else
+        addToSumAt(*this, ts, value);
+    previousRecord = std::move(record);
+}
+
+void Interpolate::handle_MEAN_A(DataRecord record, long long ts)
+{
+    collectPerInterval(
+        *this, record, ts,
+        [this](const DataRecord& r) {
+            ++recordCount;
+            sum += r.value.toDouble();
+        },
+        [this](double& value) {
+            value = sum / static_cast<double>(recordCount);
+            return true;
+        });
+}
+
+// A zero adds nothing to the sum of logarithms but counts in the denominator:
+// it acts as a value of 1.
+void Interpolate::handle_MEAN_G(DataRecord record, long long ts)
+{
+    collectPerInterval(
+        *this, record, ts,
+        [this](const DataRecord& r) {
+            ++recordCount;
+            const double v = r.value.toDouble();
+            if (v != 0.0)
+                sum += std::log(v);
+        },
+        [this](double& value) {
+            value = std::exp(sum / static_cast<double>(recordCount));
+            return true;
+        });
+}
+
+// A zero drops out of the sum of reciprocals but counts in the numerator; an
+// interval whose sum is exactly 0 counts as empty.
+void Interpolate::handle_MEAN_H(DataRecord record, long long ts)
+{
+    collectPerInterval(
+        *this, record, ts,
+        [this](const DataRecord& r) {
+            ++recordCount;
+            const double v = r.value.toDouble();
+            if (v != 0.0)
+                sum += 1.0 / v;
+        },
+        [this](double& value) {
+            if (sum == 0.0)
+                return false;
+            value = static_cast<double>(recordCount) / sum;
+            return true;
+        });
+}
+
+void Interpolate::handle_MEAN_S(DataRecord record, long long ts)
+{
+    collectPerInterval(
+        *this, record, ts,
+        [this](const DataRecord& r) {
+            ++recordCount;
+            const double v = r.value.toDouble();
+            sum += v * v;
+        },
+        [this](double& value) {
+            value = std::sqrt(sum / static_cast<double>(recordCount));
+            return true;
+        });
+}
+
+// The lower of the two middle values for an even count, so the median is
+// always a value that was measured. NaN values have no place in an order and
+// are left out; an interval of NaN values alone yields NaN.
+void Interpolate::handle_MEDIAN(DataRecord record, long long ts)
+{
+    collectPerInterval(
+        *this, record, ts,
+        [this](const DataRecord& r) {
+            const double v = r.value.toDouble();
+            if (!std::isnan(v)) {
+                if (values.size() >= kMaxMedianValuesPerInterval)
+                    throw std::out_of_range("Limit reached for median");
+                values.push_back(v);
+            }
+            ++recordCount;
+        },
+        [this](double& value) {
+            if (values.empty()) {
+                value = kNoValue;
+                return true;
+            }
+            const auto middle = values.begin() + static_cast<std::ptrdiff_t>((values.size() - 1) / 2);
+            std::nth_element(values.begin(), middle, values.end());
+            value = *middle;
+            return true;
+        });
+}
+
+// The most frequent value; among equally frequent values the smallest. NaN
+// values are left out as in MEDIAN.
+void Interpolate::handle_MODE(DataRecord record, long long ts)
+{
+    collectPerInterval(
+        *this, record, ts,
+        [this](const DataRecord& r) {
+            const double v = r.value.toDouble();
+            if (!std::isnan(v)) {
+                const auto place = valueCounts.lower_bound(v);
+                if (place != valueCounts.end() && place->first == v) {
+                    ++place->second;
+                } else {
+                    if (valueCounts.size() >= kMaxModeValuesPerInterval)
+                        throw std::out_of_range("Limit reached for mode");
+                    valueCounts.emplace_hint(place, v, 1);
+                }
+            }
+            ++recordCount;
+        },
+        [this](double& value) {
+            value = kNoValue;
+            int best = 0;
+            for (const auto& [candidate, count] : valueCounts) {
+                if (count > best) {
+                    best = count;
+                    value = candidate;
+                }
+            }
+            return true;
+        });
+}
+
+void Interpolate::handle_COUNT(DataRecord record, long long ts)
+{
+    collectPerInterval(
+        *this, record, ts, [this](const DataRecord&) { ++recordCount; },
+        [this](double& value) {
+            value = static_cast<double>(recordCount);
+            return true;
+        });
+}
+
+} // namespace Kel

@@ -1,0 +1,37 @@
+// Pieces that several parts of the interpolation engine share: the messages
+// with which a handler ends a read or an interval's delivery, and the count
+// record of count-only reads.
+#pragma once
+
+#include "Interpolate.h"
+
+#include <cstring>
+#include <stdexcept>
+#include <vector>
+
+namespace Kel::detail {
+
+// Thrown as std::out_of_range and caught at the engine's entry points.
+inline constexpr const char* kEndReached = "End reached";
+inline constexpr const char* kLimitReached = "Limit reached";
+
+inline bool isEndReached(const std::exception& e)
+{
+    return std::strcmp(e.what(), kEndReached) == 0;
+}
+
+inline bool isLimitReached(const std::exception& e)
+{
+    return std::strncmp(e.what(), kLimitReached, std::strlen(kLimitReached)) == 0;
+}
+
+// In count-only mode the first output record counts the results. at() keeps
+// the range check: counting into an empty vector is an error the entry
+// points catch and log.
+inline void raiseCountRecord(std::vector<Interpolate::DataRecord>& out)
+{
+    QVariant& count = out.at(0).value;
+    count = QVariant(count.toLongLong() + 1);
+}
+
+} // namespace Kel::detail

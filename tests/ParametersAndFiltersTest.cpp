@@ -1,0 +1,228 @@
+// Method strings into method, modifiers and difference pre-stage; filters
+// from JSON; the filter test of a record in the machine's local time.
+#include "EngineHarness.h"
+
+#include <QJsonDocument>
+
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <memory>
+
+using Kel::Interpolate;
+using Kel::test::DataRecord;
+using Kel::test::ms;
+using Kel::test::request;
+
+namespace {
+
+class MethodStrings : public ::testing::Test {
+protected:
+    // "METHOD linear align fill fillNull average diff" for a method string,
+    // each flag as 0 or 1, diff as -, d (plain) or c (counter).
+    std::string parsed(const char* method, long long interval = 60)
+    {
+        std::vector<DataRecord> out;
+        int resultCount = 0;
+        const Interpolate e(request(method, interval), {}, 0, 0, 0, 0, &out, QMetaType::Double, false, resultCount,
+                            false);
+        static const char* const names[] = {"RAW",    "PREV_NEXT", "PREV",   "NEXT",   "MIN_MAX",
+                                            "MIN",    "MAX",       "SUM",    "MEAN_A", "MEAN_G",
+                                            "MEAN_H", "MEAN_S",    "MEDIAN", "MODE",   "COUNT"};
+        std::string text = names[e.method] + std::string(" ");
+        for (const bool flag : {e.linear, e.align, e.fill, e.fillNull, e.average})
+            text += flag ? '1' : '0';
+        text += e.diffHandler == &Interpolate::handle_DIFF                ? " d"
+                : e.diffHandler == &Interpolate::handle_DIFF_CTRUPCLEANED ? " c"
+                                                                          : " -";
+        return text;
+    }
+};
+
+TEST_F(MethodStrings, KeywordAtTheStartChoosesTheMethodFirstMatchWinning)
+{
+    EXPECT_EQ(parsed("prevNext"), "PREV_NEXT 00000 -");
+    EXPECT_EQ(parsed("prev"), "PREV 00000 -");
+    EXPECT_EQ(parsed("next"), "NEXT 00000 -");
+    EXPECT_EQ(parsed("MinMax"), "MIN_MAX 00000 -");
+    EXPECT_EQ(parsed("minimum"), "MIN 00000 -");
+    EXPECT_EQ(parsed("maximum"), "MAX 00000 -");
+    EXPECT_EQ(parsed("sum"), "SUM 00000 -");
+    EXPECT_EQ(parsed("MEANG"), "MEAN_G 01000 -");  // the means, median, mode and count always align
+    EXPECT_EQ(parsed("meanH"), "MEAN_H 01000 -");
+    EXPECT_EQ(parsed("meanS"), "MEAN_S 01000 -");
+    EXPECT_EQ(parsed("median"), "MEDIAN 01000 -");
+    EXPECT_EQ(parsed("mode"), "MODE 01000 -");
+    EXPECT_EQ(parsed("counter"), "COUNT 01000 -");
+}
+
+TEST_F(MethodStrings, ModifiersAreFoundAnywhereAndAdjustedPerMethod)
+{
+    EXPECT_EQ(parsed("prevNextAlignFillNullAverageLinear"), "PREV_NEXT 11111 -");
+    EXPECT_EQ(parsed("prevnextalign"), "PREV_NEXT 01000 -");
+    EXPECT_EQ(parsed("meanALinear"), "MEAN_A 01000 -");
+    EXPECT_EQ(parsed("minMaxLinearAverage"), "MIN_MAX 00001 -");
+    EXPECT_EQ(parsed("sumLinear"), "SUM 10000 -");
+    EXPECT_EQ(parsed("countFillNull"), "COUNT 01110 -");
+}
+
+TEST_F(MethodStrings, WithoutAMethodKeywordLinearFillingIsForced)
+{
+    for (const char* text : {"", "mean", "align", "fillnull", "linearmin"})
+        EXPECT_EQ(parsed(text), "PREV_NEXT 10100 -") << text;
+    EXPECT_EQ(parsed("average"), "PREV_NEXT 10101 -");
+}
+
+TEST_F(MethodStrings, DifferenceKeywordsChooseThePreStageAndDefaultToALinearSum)
+{
+    EXPECT_EQ(parsed("diffSum"), "SUM 00000 d");
+    EXPECT_EQ(parsed("sumdiff"), "SUM 00000 d");
+    EXPECT_EQ(parsed("diff"), "SUM 10100 d");
+    EXPECT_EQ(parsed("DIFFCTRUPCLEANED"), "SUM 10100 c");
+    EXPECT_EQ(parsed("diffCtrUpCleanedMeanA"), "MEAN_A 01000 c");
+}
+
+TEST_F(MethodStrings, ZeroIntervalReadsRawRecordsButKeepsTheDifference)
+{
+    EXPECT_EQ(parsed("meanAFillLinear", 0), "RAW 00000 -");
+    EXPECT_EQ(parsed("diff", 0), "RAW 00000 d");
+}
+
+TEST(FilterParsing, EveryKeyIsReadMissingKeysTakeDefaultsAndTheListIsReplaced)
+{
+    Interpolate::InterpolateParam p;
+    p.filterParams.resize(3);
+    Interpolate::parseFilterparams(QJsonDocument::fromJson(R"([
+        {"timeStart":"22:00","duration":28800,"weekDays":[6,7],"months":[1,12],"valueCompare":"GT","value":2.5},
+        {}, {"timeStart":"06:30:15.250"}, {"timeStart":"half past six"}])").array(), p);
+    ASSERT_EQ(p.filterParams.size(), 4u);
+    const Interpolate::FilterParam& f = p.filterParams[0];
+    EXPECT_EQ(f.timeStart, QTime(22, 0));
+    EXPECT_FALSE(f.timeEnd.isValid());
+    EXPECT_EQ(f.duration, 28800);
+    EXPECT_EQ(f.weekDays, (std::vector<int>{6, 7}));
+    EXPECT_EQ(f.months, (std::vector<int>{1, 12}));
+    EXPECT_EQ(f.valueCompare, QStringLiteral("GT"));
+    EXPECT_EQ(f.value, 2.5);
+    const Interpolate::FilterParam& empty = p.filterParams[1];
+    EXPECT_FALSE(empty.timeStart.isValid());
+    EXPECT_EQ(empty.duration, 0);
+    EXPECT_TRUE(empty.weekDays.empty() && empty.months.empty() && empty.valueCompare.isEmpty());
+    EXPECT_EQ(empty.value, 0.0);
+    EXPECT_EQ(p.filterParams[2].timeStart, QTime(6, 30, 15, 250));
+    EXPECT_FALSE(p.filterParams[3].timeStart.isValid());
+}
+
+class FilterMatching : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        hadTz = qEnvironmentVariableIsSet("TZ");
+        savedTz = qgetenv("TZ");
+        setZone("UTC");
+    }
+
+    void TearDown() override
+    {
+        if (hadTz)
+            qputenv("TZ", savedTz);
+        else
+            qunsetenv("TZ");
+        tzset();
+    }
+
+    static void setZone(const char* zone)
+    {
+        qputenv("TZ", zone);
+        tzset();
+    }
+
+    void use(const char* json)
+    {
+        Interpolate::InterpolateParam p = request("meanA", 60);
+        Interpolate::parseFilterparams(QJsonDocument::fromJson(json).array(), p);
+        engine = std::make_unique<Interpolate>(p, std::vector<Interpolate::InterpolateParam>{}, 0, 0, 0, 0, &out,
+                                               QMetaType::Double, false, resultCount, false);
+    }
+
+    bool matches(const char* time, const QVariant& value = QVariant(0.0))
+    {
+        return engine->filterMatch(DataRecord{ms(time), value});
+    }
+
+    bool hadTz = false;
+    QByteArray savedTz;
+    std::vector<DataRecord> out;
+    int resultCount = 0;
+    std::unique_ptr<Interpolate> engine;
+};
+
+TEST_F(FilterMatching, WindowAcrossMidnightIncludesBothEndsAndKeepsItsEnd)
+{
+    use(R"([{"timeStart":"22:00","duration":28800}])");
+    EXPECT_TRUE(matches("2024-05-07T23:30:00Z"));
+    EXPECT_EQ(engine->filters[0].timeEnd, QTime(6, 0));
+    EXPECT_TRUE(matches("2024-05-08T05:00:00Z"));
+    EXPECT_TRUE(matches("2024-05-08T06:00:00Z"));
+    EXPECT_TRUE(matches("2024-05-07T22:00:00Z"));
+    EXPECT_FALSE(matches("2024-05-07T12:00:00Z"));
+    EXPECT_FALSE(matches("2024-05-08T06:00:00.001Z"));
+}
+
+TEST_F(FilterMatching, ZeroDurationOrAWholeDayIsASingleInstant)
+{
+    for (const char* json : {R"([{"timeStart":"08:00","duration":0}])", R"([{"timeStart":"08:00","duration":86400}])"}) {
+        use(json);
+        EXPECT_TRUE(matches("2024-05-07T08:00:00Z")) << json;
+        EXPECT_FALSE(matches("2024-05-07T08:00:00.001Z")) << json;
+        EXPECT_FALSE(matches("2024-05-07T07:59:59.999Z")) << json;
+    }
+}
+
+TEST_F(FilterMatching, CalendarAndClockAreThoseOfTheMachinesTimeZone)
+{
+    use(R"([{"weekDays":[6,7]}])");
+    EXPECT_TRUE(matches("2024-05-11T12:00:00Z"));   // Saturday
+    EXPECT_TRUE(matches("2024-05-12T12:00:00Z"));   // Sunday
+    EXPECT_FALSE(matches("2024-05-10T20:00:00Z"));  // Friday
+    setZone("JST-9");
+    EXPECT_TRUE(matches("2024-05-10T20:00:00Z"));   // already Saturday in Tokyo
+
+    setZone("CET-1CEST,M3.5.0,M10.5.0/3");
+    use(R"([{"timeStart":"23:00","duration":3600,"months":[5]}])");
+    EXPECT_TRUE(matches("2024-05-07T21:30:00Z"));   // 23:30 summer time
+    EXPECT_FALSE(matches("2024-05-07T23:30:00Z"));
+    EXPECT_FALSE(matches("2024-04-30T21:30:00Z"));  // April
+}
+
+TEST_F(FilterMatching, ValueComparisons)
+{
+    // Which of 4.9, 5 and 5.000001 pass a comparison with 5.
+    const std::pair<const char*, const char*> cases[] = {{"lt", "100"},  {"lte", "110"}, {"gt", "001"},
+                                                         {"gte", "011"}, {"neq", "101"}, {"eq", "010"},
+                                                         {"EQ", "010"},  {"Eq", "010"},  {"equal", "010"}};
+    for (const auto& [op, expected] : cases) {
+        use((QByteArray(R"([{"valueCompare":")") + op + R"(","value":5}])").constData());
+        std::string passing;
+        for (const double x : {4.9, 5.0, 5.000001})
+            passing += matches("2024-05-07T12:00:00Z", x) ? '1' : '0';
+        EXPECT_EQ(passing, expected) << op;
+    }
+    use(R"([{"valueCompare":"eq","value":0}])");
+    EXPECT_TRUE(matches("2024-05-07T12:00:00Z", QVariant(QStringLiteral("abc"))));  // no number: 0
+}
+
+TEST_F(FilterMatching, TestsOfOneFilterAreAllRequiredAndFiltersOfAListAreAlternatives)
+{
+    use(R"([{"weekDays":[6],"valueCompare":"gt","value":10},{"months":[3]}])");
+    EXPECT_TRUE(matches("2024-05-11T12:00:00Z", 11));   // Saturday and above 10
+    EXPECT_FALSE(matches("2024-05-11T12:00:00Z", 9));   // Saturday only
+    EXPECT_FALSE(matches("2024-05-10T12:00:00Z", 11));  // above 10 only
+    EXPECT_TRUE(matches("2024-03-05T12:00:00Z", 0));    // the second filter
+    use("[{}]");
+    EXPECT_TRUE(matches("2024-05-07T12:00:00Z", 123));
+    use("[]");
+    EXPECT_FALSE(matches("2024-05-07T12:00:00Z", 123));
+}
+
+} // namespace
