@@ -62,3 +62,25 @@ TEST_F(EndToEnd, ShuffledBatchesReadBackExactly)
     const long long from = expected[12345].timestamp, to = expected[123456].timestamp;
     EXPECT_EQ(series->getCount({}, {}, from, to, true, false, false), 123456 - 12345 + 1);
 }
+
+TEST_F(EndToEnd, HourlyMeansMatchTheRecordsOfEachHour)
+{
+    std::map<long long, std::pair<double, int>> byHourEnd;
+    for (const Record& r : expected) {
+        auto& [sum, n] = byHourEnd[(r.timestamp / 3600000 + 1) * 3600000];
+        sum += r.value.toDouble();
+        ++n;
+    }
+    Kel::Interpolate::InterpolateParam param;
+    param.method = QStringLiteral("meanA");
+    param.interval = 3600;
+    param.alignStartEndTimestamp = true;
+    Records means;
+    int count = 0;
+    series->readDataRecords(param, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, means, false, count);
+    ASSERT_EQ(means.size(), byHourEnd.size());
+    for (const Record& m : means) {
+        const auto& [sum, n] = byHourEnd.at(m.timestamp);
+        ASSERT_NEAR(m.value.toDouble(), sum / n, 1e-9) << m.timestamp;
+    }
+}

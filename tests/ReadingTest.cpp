@@ -89,3 +89,53 @@ TEST_F(Reading, VariableValuesComeBackFromTheirSideFiles)
     ASSERT_EQ(back.size(), 2u);
     EXPECT_EQ(back[1].value.toString(), QStringLiteral("off"));
 }
+
+// Records around an empty hour, read condensed: the reader must feed the
+// record before the range and the one after it.
+class CondensedReading : public StorageFixture {
+protected:
+    void SetUp() override
+    {
+        write({{at("09:50"), 3.0}, {at("10:15"), 5.0}, {at("10:40"), 7.0}, {at("12:20"), 9.0}, {at("13:10"), 4.0}});
+    }
+    static long long at(const char* hhmm)
+    {
+        return ms(QStringLiteral("2024-05-07T%1:00Z").arg(QLatin1String(hhmm)).toLatin1().constData());
+    }
+    Records hourly(const QString& method) { return read(at("11:00"), at("13:00"), method, 3600); }
+    static std::vector<double> values(const Records& records)
+    {
+        std::vector<double> v;
+        for (const Record& r : records)
+            v.push_back(r.value.toDouble());
+        return v;
+    }
+};
+
+TEST_F(CondensedReading, LinearValuesUseTheRecordsAroundTheRange)
+{
+    const Records r = hourly(QStringLiteral("prevNextLinearFill"));
+    EXPECT_EQ(timestamps(r), (std::vector<long long>{at("11:00"), at("12:00"), at("13:00")}));
+    ASSERT_EQ(r.size(), 3u);
+    EXPECT_NEAR(r[0].value.toDouble(), 7.4, 1e-9);
+    EXPECT_NEAR(r[1].value.toDouble(), 8.6, 1e-9);
+    EXPECT_NEAR(r[2].value.toDouble(), 5.0, 1e-9);
+}
+
+TEST_F(CondensedReading, NextValueComesFromTheRecordAfterTheRange)
+{
+    EXPECT_EQ(values(hourly(QStringLiteral("next"))), (std::vector<double>{9.0, 4.0}));
+    EXPECT_EQ(values(hourly(QStringLiteral("prevFill"))), (std::vector<double>{7.0, 7.0, 9.0}));
+}
+
+TEST_F(CondensedReading, IntervalCountsAgreeWithTheRead)
+{
+    for (const char* method : {"countFill", "count", "meanA", "prevNext"}) {
+        Kel::Interpolate::InterpolateParam param;
+        param.method = QString::fromLatin1(method);
+        param.interval = 3600;
+        EXPECT_EQ(series->getCount(param, {}, at("11:00"), at("13:00"), true, false, false),
+                  qint64(hourly(param.method).size()))
+            << method;
+    }
+}

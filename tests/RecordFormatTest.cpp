@@ -129,6 +129,8 @@ TEST_F(RecordFormat, FloatValuesTakeEightBytesOnDisk)
     TSFileStorage s = storageOf(QMetaType::Float);
     const QByteArray bytes = write(s, {{1, 1.5f}, {2, -2.0f}}, 0, TSFileInfo::DEPTH_DAY);
     EXPECT_EQ(bytes.size(), 2 * (4 + 8));
+    EXPECT_EQ(s.getStoredRecordLength(TSFileInfo::DEPTH_DAY), 12);
+    EXPECT_EQ(storageOf(QMetaType::Double).getStoredRecordLength(TSFileInfo::DEPTH_HOUR), 11);
     EXPECT_EQ(bytes.mid(4, 8).toHex(), QByteArray("3ff8000000000000"));
     const Record r = roundTrip(QMetaType::Float, 1.5f);
     EXPECT_EQ(r.value.typeId(), QMetaType::Float);

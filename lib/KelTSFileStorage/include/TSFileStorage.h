@@ -53,6 +53,9 @@ public:
     QString getMarkerForValueType(QMetaType::Type type);
     int getDataLengthForValueType(QMetaType::Type type);
     int getDataLengthForTimestampOffset(TSFileInfo::DirDepth depth);
+    // The bytes one record takes in a file of this depth: the offset width
+    // plus the data length, except for Float, whose values take 8 bytes.
+    int getStoredRecordLength(TSFileInfo::DirDepth depth);
 
     // The record format: single records through a QDataStream (version 19)
     void writeDataRecord(QDataStream& stream, Interpolate::DataRecord rec, long long baseTs,

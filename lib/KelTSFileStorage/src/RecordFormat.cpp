@@ -335,6 +335,11 @@ int TSFileStorage::getDataLengthForTimestampOffset(TSFileInfo::DirDepth depth)
     return depth >= 0 && depth <= 4 ? tsOffsetLengths[depth] : 0;
 }
 
+int TSFileStorage::getStoredRecordLength(TSFileInfo::DirDepth depth)
+{
+    return RecordLayout(valueType, depth).stride;
+}
+
 void TSFileStorage::writeDataRecord(QDataStream& stream, Interpolate::DataRecord rec,
                                     long long baseTs, TSFileInfo::DirDepth depth)
 {
