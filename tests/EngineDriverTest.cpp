@@ -241,3 +241,22 @@ TEST_F(EngineDriver, RawRecordsPassThroughOnlyWhenNothingTouchesThem)
 }
 
 } // namespace
+
+TEST_F(EngineDriver, RecordsReachTheHandlerBeforeAnyRangeIsSetButNotAfterAnEmptyOne)
+{
+    Interpolate raw(request("", 0), {}, 0, ms("2024-05-07T12:00:00Z"), 0, 0, &out, QMetaType::Double, false,
+                    resultCount, false);
+    EXPECT_TRUE(raw.handleNextRawRecord(at("10:30", 4)));
+    EXPECT_EQ(show(out), "10:30=4");
+
+    out.clear();
+    // A range that ends before it starts: nothing to read, nothing to close.
+    Interpolate empty(request("meanAFill", 3600), {}, ms("2024-05-07T13:00:00Z"), ms("2024-05-07T12:00:00Z"),
+                      ms("2024-05-07T08:00:00Z"), ms("2024-05-07T09:00:00Z"), &out, QMetaType::Double, false,
+                      resultCount, false);
+    long long readStart = 0;
+    long long readEnd = 0;
+    EXPECT_FALSE(empty.getRange(readStart, readEnd));
+    empty.finalize();
+    EXPECT_TRUE(out.empty());
+}

@@ -176,10 +176,11 @@ public:
     std::deque<QVariant> diffHistory;
     QList<double> counterWrapValues;
     bool counterZeroSeen = false;
-    // Set by getRange when there are records to take; cleared when a limit or
-    // an error stops the read, when a count is known without reading, and by
-    // finalize. An engine that takes no records closes no interval either.
-    bool acceptsRecords = false;
+    // Whether the engine takes records: cleared when getRange finds no range,
+    // when a limit or an error stops the read, when a count is known without
+    // reading, and by finalize. An engine that takes no records closes no
+    // interval either.
+    bool acceptsRecords = true;
 };
 
 } // namespace Kel

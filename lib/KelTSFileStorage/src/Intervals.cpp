@@ -122,6 +122,7 @@ void Interpolate::incIntervalNextTimestamp()
 bool Interpolate::getRange(long long& readStart, long long& readEnd)
 {
     const bool chainHasRange = !next || next->getRange(readStart, readEnd);
+    acceptsRecords = false;
 
     values.clear();
     valueCounts.clear();
