@@ -102,10 +102,7 @@ public:
     {
         listLevel(QString(), 0, {});
         walkFiles();
-        for (const QString& path : std::as_const(listedFiles))
-            if (!visited.contains(path))
-                problems.add(path, QStringLiteral("not reached by the storage's lookups: an empty directory or "
-                                                  "a misnamed entry before it hides it from reads"));
+        checkUnreachedFiles();
     }
 
     long long files = 0;
@@ -113,6 +110,26 @@ public:
 
 private:
     // The directory listing: entries the tree's names do not account for.
+    // Files the lookups never reached are named as such, and their records
+    // are checked all the same.
+    void checkUnreachedFiles()
+    {
+        QStringList unreached;
+        for (const QString& path : std::as_const(listedFiles))
+            if (!visited.contains(path))
+                unreached << path;
+        unreached.sort();
+        for (const QString& path : std::as_const(unreached)) {
+            problems.add(path, QStringLiteral("not reached by the storage's lookups: an empty directory or "
+                                              "a misnamed entry before it hides it from reads"));
+            const QString rel = path.mid(QDir(storage.baseDir).absolutePath().size() + 1);
+            const TSFileInfo info(QFileInfo(path), rel.left(rel.lastIndexOf(u'/') + 1));
+            long long previousLast = LLONG_MIN;
+            ++files;
+            checkFile(info, info.getBaseTsMs(), previousLast);
+        }
+    }
+
     void listLevel(const QString& rel, int level, const QStringList& parents)
     {
         const QDir dir(storage.baseDir + rel);
@@ -218,10 +235,10 @@ private:
         stream.setVersion(QDataStream::Qt_5_13);
         RecordOrder order{path, base, info.getPeriodEndTsMs(), previousLast};
         if (variable)
-            checkVariableRecords(stream, info, n, order);
+            checkVariableRecords(stream, info, n, length, order);
         else
             for (long long i = 0; i < n; ++i)
-                order.take(problems, i, storage.readCurrDataRecord(stream, base, depth).timestamp);
+                order.take(problems, i * length, storage.readCurrDataRecord(stream, base, depth).timestamp);
         order.finish(problems);
         previousLast = order.last;
         records += n;
@@ -237,14 +254,16 @@ private:
         int outside = 0;
         int backward = 0;
 
-        void take(Problems& problems, long long index, long long ts)
+        void take(Problems& problems, long long byte, long long ts)
         {
             if (ts >= periodEnd && ++outside <= kShownPerFile)
-                problems.add(path, QStringLiteral("record %1 at %2 lies after the file's period, which ends at %3")
-                                       .arg(index).arg(isoTime(ts), isoTime(periodEnd)));
+                problems.add(path, QStringLiteral("the record at byte %1 (%2) lies after the file's period, "
+                                                  "which ends at %3")
+                                       .arg(byte).arg(isoTime(ts), isoTime(periodEnd)));
             else if (ts <= last && ++backward <= kShownPerFile)
-                problems.add(path, QStringLiteral("record %1 at %2 does not come after the record before it (%3)")
-                                       .arg(index).arg(isoTime(ts), isoTime(last)));
+                problems.add(path, QStringLiteral("the record at byte %1 (%2) does not come after the one before "
+                                                  "it (%3)")
+                                       .arg(byte).arg(isoTime(ts), isoTime(last)));
             last = ts;
         }
 
@@ -259,7 +278,8 @@ private:
 
     // Variable values: the 4-byte value field of a record is the position of
     // its serialised QVariant in the side file.
-    void checkVariableRecords(QDataStream& stream, const TSFileInfo& info, long long n, RecordOrder& order)
+    void checkVariableRecords(QDataStream& stream, const TSFileInfo& info, long long n, long long length,
+                              RecordOrder& order)
     {
         const QString sidePath = info.filePath() + QStringLiteral(".var");
         QFile side(sidePath);
@@ -271,14 +291,15 @@ private:
         values.setVersion(QDataStream::Qt_5_13);
         int bad = 0;
         for (long long i = 0; i < n; ++i) {
-            order.take(problems, i, order.base + storage.readCurrTsOffset(stream, info.getDirDepth()));
+            order.take(problems, i * length, order.base + storage.readCurrTsOffset(stream, info.getDirDepth()));
             qint32 position = 0;
             stream >> position;
             if (!side.isOpen())
                 continue;
             const QString trouble = valueTrouble(side, values, position);
             if (!trouble.isEmpty() && ++bad <= kShownPerFile)
-                problems.add(sidePath, QStringLiteral("record %1: %2").arg(i).arg(trouble));
+                problems.add(sidePath, QStringLiteral("the record at byte %1 of %2: %3")
+                                           .arg(i * length).arg(info.fileName(), trouble));
         }
         if (bad > kShownPerFile)
             problems.add(sidePath, QStringLiteral("%1 more records with values that cannot be read").arg(bad - kShownPerFile));
@@ -310,15 +331,16 @@ private:
 
 struct Totals {
     long long series = 0;
+    long long companions = 0;
     long long files = 0;
     long long records = 0;
 };
 
-void checkStorage(TSFileStorage& storage, Problems& problems, Totals& totals)
+void checkStorage(TSFileStorage& storage, Problems& problems, Totals& totals, bool companion)
 {
     SeriesCheck check(storage, problems);
     check.run();
-    ++totals.series;
+    ++(companion ? totals.companions : totals.series);
     totals.files += check.files;
     totals.records += check.records;
 }
@@ -328,7 +350,7 @@ void checkStorage(TSFileStorage& storage, Problems& problems, Totals& totals)
 void checkSeries(const QString& dir, const QString& marker, QMetaType::Type type, Problems& problems, Totals& totals)
 {
     auto storage = makeStorage(dir, type);
-    checkStorage(*storage, problems, totals);
+    checkStorage(*storage, problems, totals, false);
     const struct {
         const char* suffix;
         QMetaType::Type type;
@@ -342,7 +364,7 @@ void checkSeries(const QString& dir, const QString& marker, QMetaType::Type type
         for (const QString& name : QDir(companionDir).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot))
             if (name != inner)
                 problems.add(companionDir + u'/' + name, QStringLiteral("stray entry in a companion directory"));
-        checkStorage(*companion, problems, totals);
+        checkStorage(*companion, problems, totals, true);
     }
 }
 
@@ -383,8 +405,11 @@ int check(const QStringList& args)
     const QString found = problems.count == 0 ? QStringLiteral("no problems")
                         : problems.count == 1 ? QStringLiteral("1 problem")
                                               : QStringLiteral("%1 problems").arg(grouped(problems.count));
-    std::printf("checked %s series, %s files, %s records: %s\n", qPrintable(grouped(totals.series)),
-                qPrintable(grouped(totals.files)), qPrintable(grouped(totals.records)), qPrintable(found));
+    const QString companions = totals.companions == 0 ? QString()
+                               : QStringLiteral(" and %1 companion%2").arg(totals.companions).arg(totals.companions == 1 ? "" : "s");
+    std::printf("checked %s series%s, %s files, %s records: %s\n", qPrintable(grouped(totals.series)),
+                qPrintable(companions), qPrintable(grouped(totals.files)), qPrintable(grouped(totals.records)),
+                qPrintable(found));
     return problems.count == 0 ? EXIT_DONE : EXIT_NOTHING;
 }
 

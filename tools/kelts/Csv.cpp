@@ -105,9 +105,8 @@ QString csvField(const QString& text)
             break;
         }
     }
-    // A leading '#' or a leading or trailing space would not read back as
-    // the same text either.
-    if (!text.isEmpty() && (text.front() == u'#' || text.front().isSpace() || text.back().isSpace()))
+    // Leading or trailing spaces would be taken for padding.
+    if (!text.isEmpty() && (text.front().isSpace() || text.back().isSpace()))
         needsQuotes = true;
     if (!needsQuotes)
         return text;

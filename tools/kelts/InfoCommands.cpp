@@ -49,9 +49,9 @@ QString describeCompanions(TSFileStorage& storage, const QString& marker)
     const long long o = storage.getCount({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD,
                                          false, false, true);
     if (QFileInfo(storage.dir + marker + u'P').isDir())
-        parts << QStringLiteral("P (%1P/): %2 back-filled timestamps").arg(marker, grouped(p));
+        parts << QStringLiteral("P (%1P/): %2 back-filled timestamp%3").arg(marker, grouped(p), p == 1 ? "" : "s");
     if (QFileInfo(storage.dir + marker + u'O').isDir())
-        parts << QStringLiteral("O (%1O/): %2 writes that replaced values").arg(marker, grouped(o));
+        parts << QStringLiteral("O (%1O/): %2 write%3 that replaced values").arg(marker, grouped(o), o == 1 ? "" : "s");
     return parts.isEmpty() ? QStringLiteral("none") : parts.join(QStringLiteral("; "));
 }
 

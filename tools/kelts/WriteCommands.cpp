@@ -75,9 +75,8 @@ ParsedInput parseInput(const QString& text, QMetaType::Type type)
         }
         if (row.fields.size() != 2) {
             complain(input, row.line,
-                     QStringLiteral("%1 fields where timestamp,value are expected (quote values "
-                                    "that hold commas)")
-                         .arg(row.fields.size()));
+                     QStringLiteral("%1 where timestamp,value is expected (quote values that hold commas)")
+                         .arg(row.fields.size() == 1 ? QStringLiteral("1 field") : QStringLiteral("%1 fields").arg(row.fields.size())));
             continue;
         }
         Interpolate::DataRecord rec;
@@ -158,7 +157,9 @@ int write(const QStringList& args)
             lines << QStringLiteral("%1 write: %2").arg(programName(), c);
         if (input.badLines > kShownBadLines)
             lines << QStringLiteral("%1 write: ... and %2 more bad lines").arg(programName()).arg(input.badLines - kShownBadLines);
-        lines << QStringLiteral("%1 write: %2 bad lines; nothing was written").arg(programName()).arg(input.badLines);
+        lines << QStringLiteral("%1 write: %2; nothing was written")
+                     .arg(programName(), input.badLines == 1 ? QStringLiteral("1 bad line")
+                                                             : QStringLiteral("%1 bad lines").arg(input.badLines));
         throw UsageError{lines.join(u'\n')};
     }
     if (input.records.empty()) {
