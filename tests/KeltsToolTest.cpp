@@ -446,6 +446,98 @@ TEST_F(KeltsTool, DemoWritesReadsAndDraws)
     EXPECT_EQ(kelts({"demo", dir("demo")}).status, 2);   // not an empty directory
 }
 
+
+TEST_F(KeltsTool, WritesSortTheInputAndTheLaterOfTwoLinesWins)
+{
+    // Backwards, with one time given twice across the boundary of two batches.
+    QByteArray csv = "timestamp,value\r\n";
+    const int n = 100001;
+    for (int i = n - 1; i >= 0; --i)
+        csv += QByteArray::number(1715040000000LL + i * 1000LL) + ',' + QByteArray::number(i) + "\r\n";
+    csv += QByteArray::number(1715040000000LL + 50000 * 1000LL) + ",-1\r\n";
+    write(dir(), "int", QByteArray("\xEF\xBB\xBF") + csv);   // as a spreadsheet saves it
+    const QStringList all = readLines(dir(), "int");
+    ASSERT_EQ(all.size(), n + 1);
+    for (int i = 1; i <= n; ++i)
+        ASSERT_EQ(all[i].section(u',', 1).toInt(), i - 1 == 50000 ? -1 : i - 1) << i;
+}
+
+TEST_F(KeltsTool, TheLibrarysMessagesAreWordedAndAFloodIsCutShort)
+{
+    QByteArray csv;
+    for (int i = 0; i < 10; ++i)
+        csv += QStringLiteral("%1,%2\n").arg(1715040000000LL + i * 1000LL).arg(i).toUtf8();
+    write(dir(), "int", csv);
+    // Each write replaces all ten values, and the storage warns of each.
+    auto replaced = [&](const char* prefix) { return QByteArray(csv).replace(",", prefix); };
+    const Outcome normal = kelts({"write", dir(), "--type", "int"}, replaced(",1"));
+    EXPECT_EQ(normal.status, 0);
+    EXPECT_EQ(normal.err.count("kelts: warning: Value on"), 3) << qPrintable(normal.err);
+    EXPECT_TRUE(normal.err.contains("7 more messages like \"Value on")) << qPrintable(normal.err);
+
+    const Outcome verbose = kelts({"write", dir(), "--type", "int", "-v"}, replaced(",2"));
+    EXPECT_EQ(verbose.err.count("kelts: warning: Value on"), 10);
+    EXPECT_TRUE(verbose.err.contains("[lib/KelTSFileStorage/src/TSFileStorage:")) << qPrintable(verbose.err);
+
+    const Outcome quiet = kelts({"write", dir(), "--type", "int", "--quiet"}, replaced(",3"));
+    EXPECT_EQ(quiet.status, 0);
+    EXPECT_TRUE(quiet.err.isEmpty()) << qPrintable(quiet.err);
+    EXPECT_EQ(kelts({"read", dir(), "--type", "int", "-q", "-v"}).status, 2);
+}
+
+TEST_F(KeltsTool, CalendarDaysBeginWhereTheOffsetSays)
+{
+    QByteArray csv;
+    for (int h = 0; h < 48; ++h)   // hourly from 2024-05-06T00:00Z
+        csv += QStringLiteral("%1,1\n").arg(1714953600000LL + h * 3600000LL).toUtf8();
+    write(dir(), "double", csv);
+    const QStringList utc = readLines(dir(), "double", {"--method", "count", "--interval", "day", "--align", "--label-start"});
+    EXPECT_EQ(utc, (QStringList{"timestamp,value", "1714953600000,24", "1715040000000,24"}));
+    // Days from 22:00 UTC: the last two hours of each UTC day belong to the
+    // next. The day that began before the first record is passed over, as
+    // the storage moves an aligned start before the series forward by whole
+    // intervals.
+    const QStringList east = readLines(dir(), "double", {"--method", "count", "--interval", "day", "--align",
+                                                         "--label-start", "--offset-min", "120"});
+    EXPECT_EQ(east, (QStringList{"timestamp,value", "1715032800000,24", "1715119200000,2"}));
+    EXPECT_EQ(kelts({"count", dir(), "--type", "double", "--method", "count", "--interval", "day", "--align",
+                     "--offset-min", "120"}).out,
+              QStringLiteral("%1\n").arg(east.size() - 1));
+}
+
+TEST_F(KeltsTool, DeletingFromACompanionLeavesTheSeries)
+{
+    write(dir(), "double", "2024-05-07T09:00:00Z,1\n2024-05-07T09:00:10Z,2\n");
+    write(dir(), "double", "2024-05-07T09:00:05Z,1.5\n", {"--backfill"});
+    EXPECT_EQ(kelts({"count", dir(), "--type", "double", "--backfill"}).out, "4\n");
+    const Outcome del = kelts({"delete", dir(), "--type", "double", "--from", "first", "--to", "last", "--marker", "P"});
+    EXPECT_EQ(del.out, "1 record deleted\n") << qPrintable(del.err);
+    EXPECT_EQ(kelts({"count", dir(), "--type", "double", "--backfill"}).out, "3\n");
+    EXPECT_FALSE(QFileInfo::exists(dir() + "/DP"));
+    EXPECT_EQ(kelts({"delete", dir(), "--type", "double", "--from", "first", "--to", "last", "--marker", "O"}).out,
+              "0 records deleted\n");
+}
+
+TEST_F(KeltsTool, CheckNamesLeftoversAndStraysInCompanions)
+{
+    write(dir(), "double", "2024-05-07T09:00:00Z,1\n2024-05-07T09:00:10Z,2\n");
+    write(dir(), "double", "2024-05-07T09:00:10Z,3\n", {"--overwritten"});
+    const QString base = dir() + "/D/2024";
+    QFile(base).copy(base + ".new");
+    QDir().mkpath(dir() + "/DO/old");
+    // The log of replaced values is filed under the time of the write.
+    const QString log = dir() + "/DO/V/" + QDir(dir() + "/DO/V").entryList({"????"}, QDir::Files).value(0);
+    QFile(log + ".var").rename(log + ".var.bak");
+    const Outcome r = kelts({"check", dir(), "--type", "double"});
+    EXPECT_EQ(r.status, 1);
+    for (const QString& expected : {base + ".new: left by an interrupted rewrite",
+                                    dir() + "/DO/old: stray entry in a companion directory",
+                                    log + ".var.bak: stray file",
+                                    log + ".var: side file missing or unreadable"})
+        EXPECT_TRUE(r.out.contains(expected)) << qPrintable(expected) << "\n" << qPrintable(r.out);
+    EXPECT_TRUE(r.out.contains("checked 1 series and 1 companion, 2 files, 3 records: 4 problems")) << qPrintable(r.out);
+}
+
 } // namespace
 
 int main(int argc, char** argv)

@@ -8,8 +8,6 @@
 #include "Terminal.h"
 #include "ValueText.h"
 
-#include <QDateTime>
-
 #include <algorithm>
 #include <cstdio>
 #include <map>
@@ -57,36 +55,15 @@ QString progressState(long long at, long long from, long long to, long long reco
     return QStringLiteral("%1  %2 records  %3%").arg(isoTime(at), grouped(records)).arg(percent);
 }
 
-long long numericFirst(TSFileStorage& storage)
-{
-    Interpolate::DataRecord rec;
-    return storage.getFirstDataRecord(rec) ? rec.timestamp : 0;
-}
-
-long long numericLast(TSFileStorage& storage)
-{
-    Interpolate::DataRecord rec;
-    return storage.getLastDataRecord(rec) ? rec.timestamp : 0;
-}
-
-long long numericBound(long long bound, TSFileStorage& storage)
-{
-    if (bound == TSFileStorage::TS_NOW)
-        return QDateTime::currentMSecsSinceEpoch();
-    if (bound == TSFileStorage::TS_FIRST_RECORD)
-        return numericFirst(storage);
-    if (bound == TSFileStorage::TS_LAST_RECORD)
-        return numericLast(storage);
-    return bound;
-}
-
 // Raw records in pieces: each piece starts 1 ms after the last record of
 // the piece before.
 void readRawInPieces(TSFileStorage& storage, const ReadRequest& r, long long from, long long to, Printer& printer)
 {
     Progress progress(QStringLiteral("reading"));
-    const long long progressFrom = numericBound(from, storage);
-    const long long progressTo = numericBound(to, storage);
+    long long progressFrom = 0;
+    long long progressTo = 0;
+    instantOf(r.from, storage, progressFrom);
+    instantOf(r.to, storage, progressTo);
     long long total = 0;
     long long start = from;
     for (;;) {
@@ -225,8 +202,10 @@ public:
     // lookups take plain instants.
     long long at()
     {
-        const long long bound = resolveBound(cl.bound(QStringLiteral("at"), TimeBound::Exact), *storage);
-        return numericBound(bound, *storage);
+        long long ms = 0;
+        if (!instantOf(cl.bound(QStringLiteral("at"), TimeBound::Exact), *storage, ms))
+            throw NothingFound{QStringLiteral("%1: the series has no records").arg(programName())};
+        return ms;
     }
 
     int print(bool found, const Interpolate::DataRecord& rec, const QString& none)

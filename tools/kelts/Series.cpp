@@ -200,9 +200,6 @@ long long resolveBound(const TimeBound& bound, TSFileStorage& storage)
     return ms;
 }
 
-namespace {
-
-// The instant a bound stands for; false for first or last of an empty series.
 bool instantOf(const TimeBound& bound, TSFileStorage& storage, long long& ms)
 {
     Interpolate::DataRecord rec;
@@ -225,8 +222,6 @@ bool instantOf(const TimeBound& bound, TSFileStorage& storage, long long& ms)
     ms = rec.timestamp + bound.ms;
     return true;
 }
-
-} // namespace
 
 void checkRange(const CommandLine& cl, const TimeBound& from, const TimeBound& to, TSFileStorage& storage)
 {

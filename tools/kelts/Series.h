@@ -40,6 +40,10 @@ QMetaType::Type representativeType(const QString& marker);
 // series' records; throws NothingFound for an empty series.
 long long resolveBound(const TimeBound& bound, Kel::TSFileStorage& storage);
 
+// The instant a bound stands for; false for first or last of a series
+// without records.
+bool instantOf(const TimeBound& bound, Kel::TSFileStorage& storage, long long& ms);
+
 // Fails with a usage error when the range ends before it starts.
 void checkRange(const CommandLine& cl, const TimeBound& from, const TimeBound& to,
                 Kel::TSFileStorage& storage);

@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdio>
+#include <unistd.h>
 
 namespace kelts {
 
@@ -33,6 +34,9 @@ constexpr int kShownBadLines = 10;
 
 QString readAllStdin()
 {
+    if (isatty(fileno(stdin)) == 1)
+        printErrorLine(QStringLiteral("%1 write: reading CSV lines \"timestamp,value\" from the terminal; "
+                                      "end with Ctrl-D").arg(programName()));
     QFile in;
     if (!in.open(stdin, QIODevice::ReadOnly))
         return QString();
@@ -91,24 +95,30 @@ ParsedInput parseInput(const QString& text, QMetaType::Type type)
     return input;
 }
 
-// Sorted, so that each batch appends behind the one before; a later line
-// with the same time still wins, as it would within one batch.
-void sortByTime(Records& records)
+// Sorted, so that each batch appends behind the one before, and one record
+// per time: of lines with the same time the later one wins, as a correction
+// appended to a file should. (Within one batch the storage itself would keep
+// the largest of such values, whatever their order.)
+void sortByTimeLaterWins(Records& records)
 {
     std::stable_sort(records.begin(), records.end(),
                      [](const Interpolate::DataRecord& a, const Interpolate::DataRecord& b) {
                          return a.timestamp < b.timestamp;
                      });
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        if (kept > 0 && records[kept - 1].timestamp == records[i].timestamp)
+            --kept;
+        if (kept != i)
+            records[kept] = std::move(records[i]);
+        ++kept;
+    }
+    records.resize(kept);
 }
 
-// The end of the batch that starts at 'from': kBatchRecords on, moved past
-// records of the same time so that they meet in one batch.
 std::size_t batchEnd(const Records& records, std::size_t from)
 {
-    std::size_t end = std::min(records.size(), from + kBatchRecords);
-    while (end < records.size() && records[end].timestamp == records[end - 1].timestamp)
-        ++end;
-    return end;
+    return std::min(records.size(), from + kBatchRecords);
 }
 
 long long writeInBatches(TSFileStorage& storage, Records& records, bool backfill, bool overwritten)
@@ -167,13 +177,14 @@ int write(const QStringList& args)
         return EXIT_DONE;
     }
 
-    sortByTime(input.records);
+    sortByTimeLaterWins(input.records);
     const long long first = input.records.front().timestamp;
     const long long last = input.records.back().timestamp;
     auto storage = makeStorage(dir, type, maxFileSize);
     const long long n = writeInBatches(*storage, input.records, cl.isSet(QStringLiteral("backfill")),
                                        cl.isSet(QStringLiteral("overwritten")));
-    std::printf("%lld records written, %s to %s\n", n, qPrintable(isoTime(first)), qPrintable(isoTime(last)));
+    std::printf("%lld record%s written, %s to %s\n", n, n == 1 ? "" : "s", qPrintable(isoTime(first)),
+                qPrintable(isoTime(last)));
     return EXIT_DONE;
 }
 
@@ -234,7 +245,8 @@ int deleteRecords(const QStringList& args)
     const long long left = rawCount(*storage, from, to, choice);
     if (!done)
         throw UsageError{QStringLiteral("%1 delete: the storage could not delete (see the messages above)").arg(programName())};
-    std::printf("%lld records deleted\n", before - left);
+    const long long deleted = before - left;
+    std::printf("%lld record%s deleted\n", deleted, deleted == 1 ? "" : "s");
     if (left > 0)
         throw UsageError{QStringLiteral("%1 delete: %2 records are still in the range (see the messages above)")
                              .arg(programName()).arg(left)};
