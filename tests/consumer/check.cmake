@@ -20,3 +20,11 @@ execute_process(COMMAND ${WORK_DIR}/build/consumer RESULT_VARIABLE rc)
 if(rc)
   message(FATAL_ERROR "consumer run failed: ${rc}")
 endif()
+
+# The installed tool finds the installed libraries by itself.
+if(EXISTS ${WORK_DIR}/prefix/bin/kelts)
+  execute_process(COMMAND ${WORK_DIR}/prefix/bin/kelts --help RESULT_VARIABLE rc OUTPUT_QUIET)
+  if(rc)
+    message(FATAL_ERROR "installed kelts does not run: ${rc}")
+  endif()
+endif()

@@ -1,0 +1,394 @@
+// The text side of kelts without a process or a storage: times, values and
+// CSV as operators type them, and the SVG chart as a browser gets it.
+
+#include "Csv.h"
+#include "SvgChart.h"
+#include "TimeText.h"
+#include "ValueText.h"
+
+#include <gtest/gtest.h>
+
+#include <QRegularExpression>
+#include <QXmlStreamReader>
+
+#include <cstring>
+#include <random>
+
+using namespace kelts;
+
+namespace {
+
+long long parsedMs(const char* text)
+{
+    long long ms = 0;
+    QString why;
+    EXPECT_TRUE(parseTimestamp(QString::fromUtf8(text), ms, why)) << text << ": " << qPrintable(why);
+    return ms;
+}
+
+QString refusal(const char* text)
+{
+    long long ms = 0;
+    QString why;
+    EXPECT_FALSE(parseTimestamp(QString::fromUtf8(text), ms, why)) << text;
+    return why;
+}
+
+TEST(KeltsTimeText, AcceptsTheFormsOperatorsType)
+{
+    const struct {
+        const char* text;
+        long long ms;
+    } cases[] = {
+        {"0", 0},
+        {"-1500", -1500},
+        {"1715072580000", 1715072580000},
+        {"2024-05-07T09:03:00Z", 1715072580000},
+        {"2024-05-07T09:03:00.250Z", 1715072580250},
+        {"2024-05-07T09:03:00.5Z", 1715072580500},
+        {"2024-05-07T09:03:00.05z", 1715072580050},
+        {"2024-05-07 09:03Z", 1715072580000},
+        {"2024-05-07T11:03:00+02:00", 1715072580000},
+        {"2024-05-07T07:33:00-0130", 1715072580000},
+        {"2024-05-07", 1715040000000},
+        {"2024-02-29", 1709164800000},
+        {"  2024-05-07T09:03:00Z ", 1715072580000},
+        {"9999-12-31T23:59:59.999Z", kLatestMs},
+        {"1969-12-31T23:59:59.999Z", -1},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(parsedMs(c.text), c.ms) << c.text;
+}
+
+TEST(KeltsTimeText, RefusesWhatItCannotBeSureOfAndSaysWhy)
+{
+    EXPECT_TRUE(refusal("2024-05-07T09:03:00").contains("no time zone"));
+    EXPECT_TRUE(refusal("2023-02-29").contains("names no calendar date"));
+    EXPECT_TRUE(refusal("2024-05-07T24:00:00Z").contains("names no time of day"));
+    EXPECT_TRUE(refusal("2024-05-07T09:60:00Z").contains("names no time of day"));
+    EXPECT_TRUE(refusal("2024-05-07T09:03:00.1234Z").contains("is not a time"));
+    EXPECT_TRUE(refusal("2024-05-07T09:03:00+2").contains("is not a time"));
+    EXPECT_TRUE(refusal("99999999999999999999").contains("too large"));
+    EXPECT_TRUE(refusal("253402300800000").contains("outside the years 0 to 9999"));
+    EXPECT_TRUE(refusal("yesterday").contains("is not a time"));
+    EXPECT_TRUE(refusal("").contains("is not a time"));
+}
+
+TEST(KeltsTimeText, PrintedTimesReadBackAsTheSameInstant)
+{
+    std::mt19937_64 random(5);
+    std::uniform_int_distribution<long long> anyMs(-62135596800000LL, kLatestMs);   // year 1 on
+    for (int i = 0; i < 2000; ++i) {
+        const long long ms = anyMs(random);
+        ASSERT_EQ(parsedMs(qPrintable(isoTime(ms))), ms) << qPrintable(isoTime(ms));
+        ASSERT_EQ(parsedMs(qPrintable(formatTime(ms, TimeFormat::Ms))), ms);
+    }
+    EXPECT_EQ(isoTime(1715072580250), "2024-05-07T09:03:00.250Z");
+}
+
+TEST(KeltsTimeText, BoundsAreTimesOrAnchorsWithAShift)
+{
+    const struct {
+        const char* text;
+        TimeBound::Anchor anchor;
+        long long ms;
+    } cases[] = {
+        {"now", TimeBound::Now, 0},          {"first", TimeBound::First, 0},
+        {"last", TimeBound::Last, 0},        {"now-24h", TimeBound::Now, -86400000},
+        {"last-15m", TimeBound::Last, -900000}, {"first+1d", TimeBound::First, 86400000},
+        {"now-90", TimeBound::Now, -90000},  {"last-250ms", TimeBound::Last, -250},
+        {"now-2w", TimeBound::Now, -1209600000}, {"2024-05-07", TimeBound::Exact, 1715040000000},
+    };
+    for (const auto& c : cases) {
+        TimeBound b;
+        QString why;
+        ASSERT_TRUE(parseBound(QString::fromLatin1(c.text), b, why)) << c.text << qPrintable(why);
+        EXPECT_EQ(b.anchor, c.anchor) << c.text;
+        EXPECT_EQ(b.ms, c.ms) << c.text;
+    }
+    for (const char* bad : {"now-", "now-1y", "last+-1h", "later", "first-1.5h"}) {
+        TimeBound b;
+        QString why;
+        EXPECT_FALSE(parseBound(QString::fromLatin1(bad), b, why)) << bad;
+        EXPECT_FALSE(why.isEmpty()) << bad;
+    }
+}
+
+TEST(KeltsTimeText, IntervalsAreWhatTheLibraryTakes)
+{
+    const struct {
+        const char* text;
+        long long interval;
+        const char* described;
+    } cases[] = {
+        {"900", 900, "15m"},   {"15m", 900, "15m"},     {"1h", 3600, "1h"},         {"90s", 90, "90s"},
+        {"1d", 86400, "1d"},   {"1w", 604800, "7d"},    {"day", -1, "day"},         {"Week", -2, "week"},
+        {"month", -3, "month"}, {"quarter", -4, "quarter"}, {"halfyear", -5, "halfyear"}, {"YEAR", -6, "year"},
+        {"raw", 0, "raw"},     {"0", 0, "raw"},
+    };
+    for (const auto& c : cases) {
+        long long interval = 99;
+        QString why;
+        ASSERT_TRUE(parseInterval(QString::fromLatin1(c.text), interval, why)) << c.text;
+        EXPECT_EQ(interval, c.interval) << c.text;
+        EXPECT_EQ(describeInterval(interval), QLatin1String(c.described)) << c.text;
+    }
+    for (const char* bad : {"500ms", "1500ms", "1.5h", "fortnight", "-5", "", "h"}) {
+        long long interval = 0;
+        QString why;
+        EXPECT_FALSE(parseInterval(QString::fromLatin1(bad), interval, why)) << bad;
+    }
+}
+
+QVariant parsed(const char* text, QMetaType::Type type)
+{
+    QVariant v;
+    QString why;
+    EXPECT_TRUE(parseValue(QString::fromUtf8(text), type, v, why)) << text << ": " << qPrintable(why);
+    return v;
+}
+
+bool refused(const char* text, QMetaType::Type type)
+{
+    QVariant v;
+    QString why;
+    return !parseValue(QString::fromUtf8(text), type, v, why) && !why.isEmpty();
+}
+
+TEST(KeltsValueText, EachTypeTakesItsRangeAndNothingBeyond)
+{
+    const struct {
+        QMetaType::Type type;
+        std::vector<const char*> taken;
+        std::vector<const char*> refused;
+    } cases[] = {
+        {QMetaType::Bool, {"true", "FALSE", "1", "0", " true "}, {"yes", "2", "", "-1"}},
+        {QMetaType::Char, {"-128", "127", "+5"}, {"128", "-129", "a", "1.0"}},
+        {QMetaType::UChar, {"0", "255"}, {"256", "-1"}},
+        {QMetaType::Short, {"-32768", "32767"}, {"32768", "-32769"}},
+        {QMetaType::UShort, {"0", "65535"}, {"65536", "-1"}},
+        {QMetaType::Int, {"-2147483648", "2147483647"}, {"2147483648", "1e3", "0x10"}},
+        {QMetaType::UInt, {"4294967295"}, {"4294967296", "-1"}},
+        {QMetaType::LongLong, {"-9223372036854775808", "9223372036854775807"}, {"9223372036854775808"}},
+        {QMetaType::ULongLong, {"18446744073709551615"}, {"18446744073709551616", "-0.5"}},
+        {QMetaType::Float, {"0.1", "3.4028235e38", "-inf", "nan", "+2.5"}, {"3.5e38", "1,5", "", "--1"}},
+        {QMetaType::Double, {"1e308", "-4.9e-324", "inf", "1E5"}, {"1e309", "abc", "1.5.5"}},
+        {QMetaType::QString, {"", " any, text "}, {}},
+        {QMetaType::QVariant, {"42", "\"x\"", "{\"a\":1}", "[1,2]", "null", "true"}, {"x", "{a:1}", "1 2", ""}},
+    };
+    for (const auto& c : cases) {
+        for (const char* text : c.taken)
+            parsed(text, c.type);
+        for (const char* text : c.refused)
+            EXPECT_TRUE(refused(text, c.type)) << valueTypeName(c.type).toStdString() << " took '" << text << "'";
+    }
+    EXPECT_EQ(parsed("-1", QMetaType::Char), QVariant(-1));
+    EXPECT_EQ(parsed("4294967295", QMetaType::UInt), QVariant(4294967295u));
+    EXPECT_EQ(parsed(" say, \"hi\" ", QMetaType::QString), QVariant(QStringLiteral(" say, \"hi\" ")));
+}
+
+TEST(KeltsValueText, FloatsAndDoublesPrintShortAndReadBackBitForBit)
+{
+    std::mt19937_64 random(11);
+    for (int i = 0; i < 20000; ++i) {
+        const quint64 bits = random();
+        double d;
+        std::memcpy(&d, &bits, sizeof d);
+        if (std::isnan(d))
+            continue;
+        const QString text = formatValue(QVariant(d), QMetaType::Double);
+        const double back = parsed(qPrintable(text), QMetaType::Double).toDouble();
+        ASSERT_EQ(std::memcmp(&back, &d, sizeof d), 0) << qPrintable(text);
+
+        const quint32 fbits = quint32(bits);
+        float f;
+        std::memcpy(&f, &fbits, sizeof f);
+        if (std::isnan(f))
+            continue;
+        const QString ftext = formatValue(QVariant(f), QMetaType::Float);
+        const float fback = parsed(qPrintable(ftext), QMetaType::Float).toFloat();
+        ASSERT_EQ(std::memcmp(&fback, &f, sizeof f), 0) << qPrintable(ftext);
+    }
+    EXPECT_EQ(formatValue(QVariant(0.1), QMetaType::Double), "0.1");
+    EXPECT_EQ(formatValue(QVariant(0.1f), QMetaType::Float), "0.1");
+    EXPECT_EQ(formatValue(QVariant(true), QMetaType::Bool), "true");
+    EXPECT_EQ(formatValue(QVariant(), QMetaType::Double), "");
+}
+
+TEST(KeltsValueText, VariantsTravelAsJson)
+{
+    for (const char* json : {"{\"a\":[1,\"x\",null],\"b\":{\"c\":false}}", "\"text\"", "[]", "null", "-2.5", "7"})
+        EXPECT_EQ(formatValue(parsed(json, QMetaType::QVariant), QMetaType::QVariant), QString::fromUtf8(json));
+    EXPECT_EQ(parsed("\"text\"", QMetaType::QVariant), QVariant(QStringLiteral("text")));
+}
+
+TEST(KeltsValueText, TypeNamesAreTheOperatorsWords)
+{
+    QMetaType::Type type = QMetaType::UnknownType;
+    QString why;
+    ASSERT_TRUE(parseValueType(u"Double", type, why));
+    EXPECT_EQ(type, QMetaType::Double);
+    ASSERT_TRUE(parseValueType(u"long", type, why));
+    EXPECT_EQ(type, QMetaType::LongLong);   // 64 bits, not the platform's long
+    EXPECT_FALSE(parseValueType(u"decimal", type, why));
+    EXPECT_TRUE(why.contains("bool, char, uchar, short, ushort, int, uint, long, ulong, float, double, string, variant"));
+    for (const ValueType& t : valueTypes())
+        EXPECT_EQ(valueTypeName(t.type), QLatin1String(t.name));
+}
+
+std::vector<CsvReader::Row> rowsOf(const QString& text)
+{
+    CsvReader reader(text);
+    std::vector<CsvReader::Row> rows;
+    CsvReader::Row row;
+    while (reader.next(row))
+        rows.push_back(row);
+    return rows;
+}
+
+TEST(KeltsCsv, SplitsRowsTheWaySpreadsheetsWriteThem)
+{
+    const QString text = QString(QChar(0xFEFF)) +
+                         "timestamp,value\r\n"
+                         "\r\n"
+                         "# a comment\n"
+                         "1,\"a, b\"\r\n"
+                         "2,\"say \"\"hi\"\"\"\n"
+                         "3,\"two\nlines\"\n"
+                         "4,\n"
+                         "5,\"closed\"junk\n"
+                         "6,plain\n"
+                         "7,\"never closed\n";
+    const std::vector<CsvReader::Row> rows = rowsOf(text);
+    ASSERT_EQ(rows.size(), 8u);
+    const struct {
+        int line;
+        QStringList fields;
+        bool error;
+    } expected[] = {
+        {1, {"timestamp", "value"}, false}, {4, {"1", "a, b"}, false},   {5, {"2", "say \"hi\""}, false},
+        {6, {"3", "two\nlines"}, false},     {8, {"4", ""}, false},       {9, {}, true},
+        {10, {"6", "plain"}, false},         {11, {}, true},
+    };
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        EXPECT_EQ(rows[i].line, expected[i].line) << i;
+        EXPECT_EQ(!rows[i].error.isEmpty(), expected[i].error) << i;
+        if (!expected[i].error) {
+            EXPECT_EQ(rows[i].fields, expected[i].fields) << i;
+        }
+    }
+}
+
+TEST(KeltsCsv, QuotesExactlyWhatWouldNotReadBack)
+{
+    EXPECT_EQ(csvField("plain text"), "plain text");
+    EXPECT_EQ(csvField(""), "");
+    for (const QString& text : {QStringLiteral("a,b"), QStringLiteral("say \"hi\""), QStringLiteral("two\nlines"),
+                                QStringLiteral(" padded"), QStringLiteral("cr\r"), QStringLiteral("\"")}) {
+        const QString field = csvField(text);
+        EXPECT_TRUE(field.startsWith(u'"')) << qPrintable(text);
+        const std::vector<CsvReader::Row> rows = rowsOf(QStringLiteral("1,") + field + u'\n');
+        ASSERT_EQ(rows.size(), 1u);
+        EXPECT_EQ(rows[0].fields.value(1), text);
+    }
+}
+
+QStringList labelsOf(const QString& svg)
+{
+    static const QRegularExpression text(QStringLiteral("<text[^>]*>([^<]*)</text>"));
+    QStringList labels;
+    for (auto it = text.globalMatch(svg); it.hasNext();)
+        labels << it.next().captured(1);
+    return labels;
+}
+
+Chart lineChart(long long from, long long to, int points)
+{
+    Chart chart;
+    chart.title = QStringLiteral("t");
+    ChartLine line{QStringLiteral("values"), {}};
+    for (int i = 0; i < points; ++i)
+        line.points.emplace_back(from + (to - from) * i / (points - 1), double(i % 7));
+    chart.lines.push_back(line);
+    return chart;
+}
+
+QString rendered(const Chart& chart)
+{
+    QString svg;
+    EXPECT_TRUE(renderSvg(chart, svg));
+    QXmlStreamReader xml(svg);
+    while (!xml.atEnd())
+        xml.readNext();
+    EXPECT_FALSE(xml.hasError()) << qPrintable(xml.errorString());
+    return svg;
+}
+
+TEST(KeltsSvgChart, TimeTicksFallOnRoundUtcTimes)
+{
+    const long long monday = 1714953600000;   // 2024-05-06T00:00:00Z
+    const QStringList week = labelsOf(rendered(lineChart(monday, monday + 7 * 86400000 - 1000, 500)));
+    for (const char* day : {"Mon 05-06", "Wed 05-08", "Sun 05-12"})
+        EXPECT_TRUE(week.contains(QLatin1String(day))) << day;
+
+    const QStringList hours = labelsOf(rendered(lineChart(monday + 6 * 3600000, monday + 9 * 3600000, 500)));
+    for (const char* t : {"06:00", "06:30", "09:00", "Mon 05-06"})
+        EXPECT_TRUE(hours.contains(QLatin1String(t))) << t;
+
+    const QStringList seconds = labelsOf(rendered(lineChart(monday, monday + 50000, 50)));
+    EXPECT_TRUE(seconds.contains("00:00:05"));
+
+    // Two months: weekly ticks, every one a Monday.
+    const QStringList weeks = labelsOf(rendered(lineChart(monday, monday + 60LL * 86400000, 500)));
+    int mondays = 0;
+    for (const QString& label : weeks)
+        if (QRegularExpression(QStringLiteral("^\\w{3} \\d\\d-\\d\\d$")).match(label).hasMatch()) {
+            EXPECT_TRUE(label.startsWith("Mon")) << qPrintable(label);
+            ++mondays;
+        }
+    EXPECT_GE(mondays, 8);
+
+    const QStringList years = labelsOf(rendered(lineChart(monday, monday + 3 * 365LL * 86400000, 500)));
+    EXPECT_TRUE(years.contains("2025-01") || years.contains("2025")) << qPrintable(years.join(u' '));
+}
+
+TEST(KeltsSvgChart, ThinningKeepsEveryPeakAndStaysSmall)
+{
+    Chart chart;
+    ChartLine line{QStringLiteral("values"), {}};
+    for (int i = 0; i < 300000; ++i)
+        line.points.emplace_back(i * 1000LL, i == 123457 ? 100.0 : i == 234567 ? -100.0 : 0.5 * (i % 3));
+    chart.lines.push_back(line);
+    const QString svg = rendered(chart);
+    EXPECT_LT(svg.size(), 200000);
+    static const QRegularExpression points(QStringLiteral("<polyline[^>]* points=\"([^\"]*)\""));
+    const QString coordinates = points.match(svg).captured(1);
+    double top = 1e9, bottom = -1e9;
+    for (const QString& pair : coordinates.split(u' ', Qt::SkipEmptyParts)) {
+        const double y = pair.section(u',', 1).toDouble();
+        top = std::min(top, y);
+        bottom = std::max(bottom, y);
+    }
+    // The axis ends on the extremes, so the peak and the dip touch the frame.
+    EXPECT_NEAR(top, 70.0, 0.11);
+    EXPECT_NEAR(bottom, chart.height - 56.0, 0.11);
+}
+
+TEST(KeltsSvgChart, GapsBreakLinesBandsShadeAndTextIsEscaped)
+{
+    Chart chart = lineChart(0, 3600000, 100);
+    chart.lines[0].points[50].second = std::nan("");
+    chart.title = QStringLiteral("<boiler & \"pump\">");
+    chart.bands.push_back({QStringLiteral("min to max"), {{0, 1.0, 2.0}, {60000, 1.5, 3.0}, {120000, 1.0, 2.5}}});
+    const QString svg = rendered(chart);
+    EXPECT_EQ(svg.count("<polyline"), 2);
+    EXPECT_EQ(svg.count("<polygon"), 1);
+    EXPECT_TRUE(svg.contains("&lt;boiler &amp; &quot;pump&quot;&gt;"));
+
+    Chart empty;
+    empty.lines.push_back({QStringLiteral("nothing"), {{0, std::nan("")}}});
+    QString svgText;
+    EXPECT_FALSE(renderSvg(empty, svgText));
+}
+
+} // namespace

@@ -1,0 +1,548 @@
+// The kelts tool driven as an operator drives it: a separate process on
+// scratch directories, checked by its output and exit status, and against
+// the storage library where the two must agree.
+
+#include "TSFileStorage.h"
+
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QTemporaryDir>
+#include <QXmlStreamReader>
+
+// Failures show texts as text.
+inline void PrintTo(const QString& text, std::ostream* os)
+{
+    *os << '"' << text.toStdString() << '"';
+}
+
+namespace {
+
+using Kel::Interpolate;
+using Kel::TSFileStorage;
+
+struct Outcome {
+    int status = -1;
+    QString out;
+    QString err;
+};
+
+QStringList lines(const QString& text)
+{
+    return text.split(u'\n', Qt::SkipEmptyParts);
+}
+
+class KeltsTool : public ::testing::Test {
+protected:
+    Outcome kelts(const QStringList& args, const QByteArray& input = QByteArray(),
+              const QProcessEnvironment& env = QProcessEnvironment::systemEnvironment())
+    {
+        QProcess p;
+        p.setProcessEnvironment(env);
+        p.start(QStringLiteral(KELTS_BINARY), args);
+        EXPECT_TRUE(p.waitForStarted());
+        p.write(input);
+        p.closeWriteChannel();
+        EXPECT_TRUE(p.waitForFinished(120000));
+        return {p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1,
+                QString::fromUtf8(p.readAllStandardOutput()), QString::fromUtf8(p.readAllStandardError())};
+    }
+
+    // Writes CSV into a series and expects success.
+    void write(const QString& series, const char* type, const QByteArray& csv, const QStringList& extra = {})
+    {
+        const Outcome r = kelts(QStringList{"write", series, "--type", QLatin1String(type)} + extra, csv);
+        ASSERT_EQ(r.status, 0) << qPrintable(r.err);
+    }
+
+    QStringList readLines(const QString& series, const char* type, const QStringList& extra = {})
+    {
+        const Outcome r = kelts(QStringList{"read", series, "--type", QLatin1String(type), "--time", "ms"} + extra);
+        EXPECT_EQ(r.status, 0) << qPrintable(r.err);
+        return lines(r.out);
+    }
+
+    QString dir(const QString& name = QStringLiteral("s")) const { return tmp.path() + u'/' + name; }
+
+    // Three days of hourly readings, each day written separately, so that
+    // a small size limit gives one file per day.
+    void writeThreeDays(const QString& d)
+    {
+        for (const char* day : {"06", "07", "08"}) {
+            QByteArray csv;
+            for (int h = 10; h < 18; ++h)
+                csv += QStringLiteral("2024-05-%1T%2:00:00Z,%3\n").arg(day).arg(h).arg(h).toUtf8();
+            write(d, "int", csv, {"--max-file-size", "64"});
+        }
+    }
+
+    QTemporaryDir tmp;
+};
+
+TEST_F(KeltsTool, EveryValueTypeRoundTripsThroughWriteAndRead)
+{
+    struct Case {
+        const char* type;
+        const char* values;   // one value per line, printed back exactly
+    };
+    const Case cases[] = {
+        {"bool", "true\nfalse"},
+        {"char", "-128\n127"},
+        {"uchar", "0\n255"},
+        {"short", "-32768\n32767"},
+        {"ushort", "0\n65535"},
+        {"int", "-2147483648\n2147483647"},
+        {"uint", "0\n4294967295"},
+        {"long", "-9223372036854775808\n9223372036854775807"},
+        {"ulong", "0\n18446744073709551615"},
+        {"float", "0.1\n3.4028235e+38\n-1e-45\nnan\n-inf"},
+        {"double", "0.30000000000000004\n-2.2250738585072014e-308\n1e+300\ninf"},
+        {"string", "plain\n\"with, comma\"\n\"with \"\"quotes\"\"\"\n\"two\nlines\"\n\n\" padded \"\nGrüße ✓"},
+        {"variant", "42\n1.5\n\"\"\"text\"\"\"\n\"{\"\"a\"\":[true,null]}\"\nnull"},
+    };
+    for (const Case& c : cases) {
+        // Split at line breaks outside quotes, as the CSV reader does.
+        QStringList values;
+        QString current;
+        bool quoted = false;
+        for (QChar ch : QString::fromUtf8(c.values)) {
+            if (ch == u'"')
+                quoted = !quoted;
+            if (ch == u'\n' && !quoted) {
+                values << current;
+                current.clear();
+            } else {
+                current += ch;
+            }
+        }
+        values << current;
+        QByteArray csv = "timestamp,value\n";
+        QStringList expected{"timestamp,value"};
+        for (int i = 0; i < values.size(); ++i) {
+            const QString row = QStringLiteral("%1,%2").arg(1715072400000LL + i * 1000).arg(values[i]);
+            csv += row.toUtf8() + '\n';
+            expected << row;
+        }
+        const QString d = dir(QLatin1String(c.type));
+        write(d, c.type, csv);
+        const Outcome r = kelts({"read", d, "--type", QLatin1String(c.type), "--time", "ms"});
+        EXPECT_EQ(r.status, 0) << c.type;
+        EXPECT_EQ(r.out, expected.join(u'\n') + u'\n') << c.type;
+    }
+}
+
+TEST_F(KeltsTool, MalformedInputIsRefusedWholeWithLineNumbers)
+{
+    write(dir(), "double", "2024-05-07T09:00:00Z,1\n2024-05-07T09:00:10Z,2\n");
+    const QStringList before = readLines(dir(), "double");
+
+    const QByteArray bad = "timestamp,value\n"
+                           "2024-05-07T09:00:20Z,3\n"
+                           "2024-05-07T09:00:30Z,abc\n"
+                           "\n"
+                           "2024-05-07T09:00:40,4\n"
+                           "2024-02-30T00:00:00Z,5\n"
+                           "2024-05-07T09:00:50Z,6,7\n"
+                           "2024-05-07T09:01:00Z,\n";
+    const Outcome r = kelts({"write", dir(), "--type", "double"}, bad);
+    EXPECT_EQ(r.status, 2);
+    for (const char* expected : {"line 3: 'abc' is not a number", "line 5: '2024-05-07T09:00:40' has no time zone",
+                                 "line 6: '2024-02-30T00:00:00Z' names no calendar date", "line 7: 3 fields",
+                                 "line 8: '' is not a number", "5 bad lines; nothing was written"})
+        EXPECT_TRUE(r.err.contains(QLatin1String(expected))) << expected << "\n" << qPrintable(r.err);
+    EXPECT_EQ(readLines(dir(), "double"), before);
+
+    // Out of a type's range, or not of it at all.
+    EXPECT_EQ(kelts({"write", dir("c"), "--type", "char"}, "1,128\n").status, 2);
+    EXPECT_EQ(kelts({"write", dir("c"), "--type", "uint"}, "1,-1\n").status, 2);
+    EXPECT_EQ(kelts({"write", dir("c"), "--type", "bool"}, "1,yes\n").status, 2);
+    EXPECT_EQ(kelts({"write", dir("c"), "--type", "float"}, "1,1e39\n").status, 2);
+    EXPECT_EQ(kelts({"write", dir("c"), "--type", "variant"}, "1,{oops}\n").status, 2);
+    EXPECT_EQ(kelts({"write", dir("c"), "--type", "int"}, "1,\"open\n").status, 2);
+    EXPECT_FALSE(QFileInfo::exists(dir("c")));
+}
+
+TEST_F(KeltsTool, ExitStatusTellsDoneNothingFoundAndBadUsage)
+{
+    write(dir(), "double", "2024-05-07T09:00:00Z,1\n");
+    struct Case {
+        QStringList args;
+        int status;
+    };
+    const Case cases[] = {
+        {{"--help"}, 0},
+        {{"read", "--help"}, 0},
+        {{"last", dir(), "--type", "double"}, 0},
+        {{"find", dir(), "--type", "double", "--at", "2024-05-07T09:00:00.000Z"}, 0},
+        {{"find", dir(), "--type", "double", "--at", "2024-05-07T09:00:01Z"}, 1},
+        {{"prev", dir(), "--type", "double", "--at", "2024-05-07T09:00:00Z"}, 1},
+        {{"last", dir(), "--type", "int"}, 1},
+        {{}, 2},
+        {{"frobnicate"}, 2},
+        {{"read", dir(), "--type", "double", "--bogus"}, 2},
+        {{"read", dir()}, 2},
+        {{"read", dir(), "--type", "decimal"}, 2},
+        {{"read", dir("missing"), "--type", "double"}, 2},
+        {{"read", dir(), "--type", "double", "--from", "2024-05-08", "--to", "2024-05-07"}, 2},
+        {{"read", dir(), "--type", "double", "--from", "yesterday"}, 2},
+        {{"read", dir(), "--type", "double", "--method", "meanA"}, 2},
+        {{"read", dir(), "--type", "double", "--interval", "90 minutes"}, 2},
+        {{"read", dir(), "--type", "double", "--filters", "[{\"weekdays\":[1]}]"}, 2},
+        {{"read", dir(), "--type", "string", "--interval", "1h"}, 2},
+        {{"delete", dir(), "--type", "double", "--from", "first"}, 2},
+        {{"delete", dir(), "--type", "double", "--from", "first", "--to", "last", "--marker", "X"}, 2},
+        {{"plot", dir(), "--type", "double"}, 2},
+    };
+    for (const Case& c : cases) {
+        const Outcome r = kelts(c.args);
+        EXPECT_EQ(r.status, c.status) << qPrintable(c.args.join(u' ')) << "\n" << qPrintable(r.err);
+        if (c.status != 0) {
+            EXPECT_FALSE(r.err.trimmed().isEmpty()) << qPrintable(c.args.join(u' '));
+        }
+    }
+}
+
+TEST_F(KeltsTool, TimestampsInEveryAcceptedForm)
+{
+    write(dir(), "int",
+          "2024-05-07T09:00:00Z,1\n"
+          "2024-05-07T09:00:01.5Z,2\n"
+          "2024-05-07 09:00:02.250Z,3\n"
+          "2024-05-07T11:00:03+02:00,4\n"
+          "1715072404000,5\n");
+    EXPECT_EQ(readLines(dir(), "int"),
+              (QStringList{"timestamp,value", "1715072400000,1", "1715072401500,2", "1715072402250,3",
+                           "1715072403000,4", "1715072404000,5"}));
+    const Outcome iso = kelts({"read", dir(), "--type", "int", "--from", "2024-05-07T09:00:01.500Z", "--to", "last-1750ms"});
+    EXPECT_EQ(lines(iso.out), (QStringList{"timestamp,value", "2024-05-07T09:00:01.500Z,2",
+                                           "2024-05-07T09:00:02.250Z,3"}));
+}
+
+TEST_F(KeltsTool, CondensedReadsGiveWhatTheLibraryGives)
+{
+    QByteArray csv;
+    for (int i = 0; i < 4 * 3600; i += 7)
+        csv += QStringLiteral("%1,%2\n").arg(1715040000000LL + i * 1000LL).arg(20.0 + (i % 500) / 100.0).toUtf8();
+    write(dir(), "double", csv);
+
+    TSFileStorage series(dir(), QMetaType::Double, 1 << 22);
+    Interpolate::InterpolateParam param;
+    param.method = QStringLiteral("meanA");
+    param.interval = 3600;
+    param.alignStartEndTimestamp = true;
+    std::vector<Interpolate::DataRecord> values;
+    int count = 0;
+    series.readDataRecords(param, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, values, false,
+                           count);
+    ASSERT_EQ(values.size(), 4u);
+    QStringList expected{"timestamp,value"};
+    for (const auto& v : values)
+        expected << QStringLiteral("%1,%2").arg(v.timestamp).arg(QString::number(v.value.toDouble(), 'g', 17));
+    const QStringList got = readLines(dir(), "double", {"--method", "meanA", "--interval", "1h", "--align"});
+    ASSERT_EQ(got.size(), expected.size());
+    for (int i = 1; i < got.size(); ++i) {
+        const QStringList g = got[i].split(u','), e = expected[i].split(u',');
+        EXPECT_EQ(g[0], e[0]);
+        EXPECT_EQ(g[1].toDouble(), e[1].toDouble());   // the shortest text of the same double
+    }
+
+    // The same request from a template, and with a filter that keeps nothing.
+    QTemporaryDir install;
+    QDir().mkpath(install.path() + "/cfg/dms");
+    QFile file(install.path() + "/cfg/dms/InterpolateTemplates.json");
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(R"([{"name": "Hourly", "interpolateParam": {"method": "meanA", "interval": 3600,
+                    "alignStartEndTimestamp": true}}])");
+    file.close();
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("VANTIK_INSTALL_PATH", install.path() + u'/');
+    EXPECT_EQ(lines(kelts({"read", dir(), "--type", "double", "--time", "ms", "--template", "Hourly"}, {}, env).out),
+              got);
+    EXPECT_TRUE(kelts({"templates"}, {}, env).out.contains("\"Hourly\""));
+    EXPECT_EQ(kelts({"read", dir(), "--type", "double", "--template", "Daily"}, {}, env).status, 2);
+    EXPECT_EQ(readLines(dir(), "double", {"--interval", "1h", "--method", "meanA", "--filters",
+                                          R"({"valueCompare": "gt", "value": 1000})"}),
+              QStringList{"timestamp,value"});
+    EXPECT_EQ(kelts({"count", dir(), "--type", "double", "--method", "meanA", "--interval", "1h", "--align"}).out,
+              "4\n");
+}
+
+TEST_F(KeltsTool, LongRawReadsComeWholeAndInOrder)
+{
+    // More records than one piece of a raw read, so that pieces join.
+    QByteArray csv;
+    const int n = 250001;
+    for (int i = 0; i < n; ++i)
+        csv += QByteArray::number(1715040000000LL + i * 250LL) + ',' + QByteArray::number(i) + '\n';
+    write(dir(), "int", csv);
+    const QStringList all = readLines(dir(), "int");
+    ASSERT_EQ(all.size(), n + 1);
+    for (int i = 1; i <= n; ++i)
+        ASSERT_EQ(all[i].section(u',', 1).toInt(), i - 1) << i;
+    EXPECT_EQ(readLines(dir(), "int", {"--limit", "150000"}).size(), 150001);
+    EXPECT_EQ(kelts({"count", dir(), "--type", "int"}).out, QStringLiteral("%1\n").arg(n));
+}
+
+TEST_F(KeltsTool, DeleteAndCountAgreeWithTheLibrary)
+{
+    writeThreeDays(dir());
+    TSFileStorage series(dir(), QMetaType::Int, 64);
+    const long long from = 1715076000000LL;   // 2024-05-07T10:00:00Z
+    const long long to = 1715094000000LL;     // 2024-05-07T15:00:00Z
+    EXPECT_EQ(kelts({"count", dir(), "--type", "int"}).out, "24\n");
+    EXPECT_EQ(kelts({"count", dir(), "--type", "int", "--from", "2024-05-07T10:00:00Z", "--to", "2024-05-07T15:00:00Z"}).out,
+              QStringLiteral("%1\n").arg(series.getCount({}, {}, from, to, true, false, false)));
+
+    const Outcome del = kelts({"delete", dir(), "--type", "int", "--from", "2024-05-07T10:00:00Z", "--to", "2024-05-07T15:00:00Z"});
+    EXPECT_EQ(del.status, 0) << qPrintable(del.err);
+    EXPECT_EQ(del.out, "6 records deleted\n");
+    EXPECT_EQ(series.getCount({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, true, false, false), 18);
+    EXPECT_EQ(kelts({"count", dir(), "--type", "int"}).out, "18\n");
+    std::vector<Interpolate::DataRecord> left;
+    int count = 0;
+    series.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, left, false, count);
+    const QStringList printed = readLines(dir(), "int");
+    ASSERT_EQ(printed.size(), int(left.size()) + 1);
+    for (std::size_t i = 0; i < left.size(); ++i)
+        EXPECT_EQ(printed[int(i) + 1], QStringLiteral("%1,%2").arg(left[i].timestamp).arg(left[i].value.toInt()));
+
+    EXPECT_EQ(kelts({"delete", dir(), "--type", "int", "--from", "2024-05-07T10:00:00Z", "--to", "2024-05-07T15:00:00Z"}).out,
+              "0 records deleted\n");
+}
+
+TEST_F(KeltsTool, BackfillAndOverwrittenValuesAreKeptAndShown)
+{
+    write(dir(), "double", "2024-05-07T09:00:00Z,1\n2024-05-07T09:00:10Z,2\n2024-05-07T09:00:20Z,3\n");
+    const Outcome w = kelts({"write", dir(), "--type", "double", "--backfill", "--overwritten"},
+                        "2024-05-07T09:00:05Z,1.5\n2024-05-07T09:00:10Z,20\n");
+    EXPECT_EQ(w.status, 0);
+    EXPECT_TRUE(w.err.contains("overwritten")) << qPrintable(w.err);   // the library's warning, in words
+
+    const QStringList out = lines(kelts({"read", dir(), "--type", "double", "--with-backfill", "--with-overwritten"}).out);
+    const int backfilled = int(out.indexOf("backfilled_timestamp,value"));
+    const int overwritten = int(out.indexOf("written_at,timestamp,replaced_value"));
+    ASSERT_GT(backfilled, 0);
+    ASSERT_GT(overwritten, backfilled);
+    EXPECT_EQ(out.mid(backfilled + 1, overwritten - backfilled - 1),
+              (QStringList{"2024-05-07T09:00:05.000Z,1.5", "2024-05-07T09:00:10.000Z,20"}));
+    ASSERT_EQ(out.size(), overwritten + 2);
+    EXPECT_TRUE(out.last().endsWith(",2024-05-07T09:00:10.000Z,2")) << qPrintable(out.last());
+
+    EXPECT_EQ(kelts({"count", dir(), "--type", "double"}).out, "4\n");
+    EXPECT_EQ(kelts({"count", dir(), "--type", "double", "--backfill", "--overwritten"}).out, "7\n");
+    const QString info = kelts({"info", dir()}).out;
+    EXPECT_TRUE(info.contains("2 back-filled timestamps")) << qPrintable(info);
+    EXPECT_TRUE(info.contains("1 write that replaced values")) << qPrintable(info);
+    EXPECT_EQ(kelts({"check", dir()}).status, 0);
+}
+
+TEST_F(KeltsTool, SingleRecordLookups)
+{
+    writeThreeDays(dir());
+    auto one = [&](const QStringList& args) { return kelts(QStringList(args) << "--type" << "int").out.trimmed(); };
+    EXPECT_EQ(one({"first", dir()}), "2024-05-06T10:00:00.000Z,10");
+    EXPECT_EQ(one({"last", dir(), "--time", "ms"}), "1715187600000,17");
+    EXPECT_EQ(one({"find", dir(), "--at", "2024-05-07T12:00:00Z"}), "2024-05-07T12:00:00.000Z,12");
+    EXPECT_EQ(one({"prev", dir(), "--at", "2024-05-07T12:00:00Z"}), "2024-05-07T11:00:00.000Z,11");
+    // Before the first record of a day file: the record before lies in the
+    // file of the day before.
+    EXPECT_EQ(one({"prev", dir(), "--at", "2024-05-07T09:00:00Z"}), "2024-05-06T17:00:00.000Z,17");
+    EXPECT_EQ(one({"prev", dir(), "--at", "2024-05-07T10:00:00Z"}), "2024-05-06T17:00:00.000Z,17");
+}
+
+TEST_F(KeltsTool, CheckFindsDamageAndChangesNothing)
+{
+    writeThreeDays(dir());
+    write(dir(), "string", "2024-05-07T09:00:00Z,a\n2024-05-07T09:00:01Z,b\n");
+    const Outcome clean = kelts({"check", dir()});
+    EXPECT_EQ(clean.status, 0) << qPrintable(clean.out);
+    EXPECT_TRUE(clean.out.contains("no problems"));
+
+    const QString day6 = dir() + "/I/2024/05/06", day8 = dir() + "/I/2024/05/08", year = dir() + "/V/2024";
+    QFile(day6).resize(QFileInfo(day6).size() - 3);   // an append cut short
+    auto patch = [](const QString& path, qint64 at, const QByteArray& bytes) {
+        QFile f(path);
+        ASSERT_TRUE(f.open(QIODevice::ReadWrite));
+        f.seek(at);
+        f.write(bytes);
+    };
+    patch(day8, 0, QByteArray::fromHex("FFFFFFFF"));        // the first record weeks after the day's end
+    patch(year, 5 + 9, QByteArray::fromHex("0001869F"));    // the second value's position far outside
+    QDir().mkpath(dir() + "/I/2024/05/01");                 // an empty directory hides every file after it
+    QFile(dir() + "/I/2024/05/notes.txt").open(QIODevice::WriteOnly);
+
+    const Outcome damaged = kelts({"check", dir()});
+    EXPECT_EQ(damaged.status, 1);
+    for (const QString& expected :
+         {day6 + ": 61 bytes are not a whole number of 8-byte records",
+          day8 + ": the record at byte 0 (2024-06-26T17:02:47.295Z) lies after the file's period",
+          year + ".var: the record at byte 9 of 2024: position 99999 lies outside the side file",
+          dir() + "/I/2024/05/01: empty directory",
+          dir() + "/I/2024/05/notes.txt: stray file",
+          day6 + ": not reached by the storage's lookups"})
+        EXPECT_TRUE(damaged.out.contains(expected)) << qPrintable(expected) << "\n" << qPrintable(damaged.out);
+    EXPECT_EQ(QFileInfo(day6).size(), 61);   // read-only: the cut record is still there
+    EXPECT_EQ(kelts({"check", dir(), "--type", "string"}).status, 1);
+}
+
+TEST_F(KeltsTool, InfoDescribesEachSeries)
+{
+    writeThreeDays(dir());
+    write(dir(), "double", "2024-05-07T09:00:00Z,21.5\n");
+    const Outcome r = kelts({"info", dir()});
+    EXPECT_EQ(r.status, 0);
+    for (const char* expected : {"int or uint (I/)", "records      24", "first        2024-05-06T10:00:00.000Z",
+                                 "3 day files", "double (D/)", "2024-05-07T09:00:00.000Z  21.5", "companions   none"})
+        EXPECT_TRUE(r.out.contains(QLatin1String(expected))) << expected << "\n" << qPrintable(r.out);
+    EXPECT_TRUE(kelts({"info", dir(), "--type", "int"}).out.contains("2024-05-08T17:00:00.000Z  17"));
+    EXPECT_EQ(kelts({"info", dir("empty")}).status, 2);
+}
+
+TEST_F(KeltsTool, PlotWritesAWellFormedChart)
+{
+    QByteArray csv;
+    for (int i = 0; i < 3 * 3600; i += 10)
+        csv += QStringLiteral("%1,%2\n").arg(1715040000000LL + i * 1000LL).arg(i % 600).toUtf8();
+    write(dir(), "double", csv);
+    auto elements = [](const QString& path) {
+        QFile f(path);
+        EXPECT_TRUE(f.open(QIODevice::ReadOnly));
+        QXmlStreamReader xml(&f);
+        QStringList names;
+        while (!xml.atEnd())
+            if (xml.readNext() == QXmlStreamReader::StartElement)
+                names << xml.name().toString();
+        EXPECT_FALSE(xml.hasError()) << qPrintable(xml.errorString());
+        return names;
+    };
+    const QString line = tmp.path() + "/line.svg", band = tmp.path() + "/band.svg";
+    EXPECT_EQ(kelts({"plot", dir(), "--type", "double", "--out", line}).status, 0);
+    EXPECT_TRUE(elements(line).contains("polyline"));
+    EXPECT_EQ(kelts({"plot", dir(), "--type", "double", "--method", "minMax", "--interval", "15m", "--out", band}).status, 0);
+    EXPECT_TRUE(elements(band).contains("polygon"));
+    EXPECT_EQ(kelts({"plot", dir(), "--type", "double", "--method", "meanA", "--interval", "15m", "--band", "--out", band}).status, 0);
+    EXPECT_TRUE(elements(band).contains("polygon"));
+    EXPECT_TRUE(elements(band).contains("polyline"));
+    EXPECT_EQ(kelts({"plot", dir(), "--type", "double", "--from", "2030-01-01", "--to", "2030-01-02", "--out",
+                     tmp.path() + "/none.svg"}).status, 1);
+    EXPECT_FALSE(QFileInfo::exists(tmp.path() + "/none.svg"));
+}
+
+TEST_F(KeltsTool, DemoWritesReadsAndDraws)
+{
+    const Outcome r = kelts({"demo", dir("demo"), "--days", "2"});
+    ASSERT_EQ(r.status, 0) << qPrintable(r.err);
+    for (const char* expected : {"2. Writing", "172,800", "Hourly mean temperature", "Daily consumption",
+                                 "temperature.svg", "consumption.svg"})
+        EXPECT_TRUE(r.out.contains(QLatin1String(expected))) << expected;
+    EXPECT_TRUE(r.err.isEmpty()) << qPrintable(r.err);   // no progress lines when stderr is no terminal
+    EXPECT_TRUE(QFileInfo::exists(dir("demo") + "/temperature.svg"));
+    EXPECT_EQ(kelts({"check", dir("demo") + "/meter"}).status, 0);
+    EXPECT_EQ(kelts({"demo", dir("demo")}).status, 2);   // not an empty directory
+}
+
+
+TEST_F(KeltsTool, WritesSortTheInputAndTheLaterOfTwoLinesWins)
+{
+    // Backwards, with one time given twice across the boundary of two batches.
+    QByteArray csv = "timestamp,value\r\n";
+    const int n = 100001;
+    for (int i = n - 1; i >= 0; --i)
+        csv += QByteArray::number(1715040000000LL + i * 1000LL) + ',' + QByteArray::number(i) + "\r\n";
+    csv += QByteArray::number(1715040000000LL + 50000 * 1000LL) + ",-1\r\n";
+    write(dir(), "int", QByteArray("\xEF\xBB\xBF") + csv);   // as a spreadsheet saves it
+    const QStringList all = readLines(dir(), "int");
+    ASSERT_EQ(all.size(), n + 1);
+    for (int i = 1; i <= n; ++i)
+        ASSERT_EQ(all[i].section(u',', 1).toInt(), i - 1 == 50000 ? -1 : i - 1) << i;
+}
+
+TEST_F(KeltsTool, TheLibrarysMessagesAreWordedAndAFloodIsCutShort)
+{
+    QByteArray csv;
+    for (int i = 0; i < 10; ++i)
+        csv += QStringLiteral("%1,%2\n").arg(1715040000000LL + i * 1000LL).arg(i).toUtf8();
+    write(dir(), "int", csv);
+    // Each write replaces all ten values, and the storage warns of each.
+    auto replaced = [&](const char* prefix) { return QByteArray(csv).replace(",", prefix); };
+    const Outcome normal = kelts({"write", dir(), "--type", "int"}, replaced(",1"));
+    EXPECT_EQ(normal.status, 0);
+    EXPECT_EQ(normal.err.count("kelts: warning: Value on"), 3) << qPrintable(normal.err);
+    EXPECT_TRUE(normal.err.contains("7 more messages like \"Value on")) << qPrintable(normal.err);
+
+    const Outcome verbose = kelts({"write", dir(), "--type", "int", "-v"}, replaced(",2"));
+    EXPECT_EQ(verbose.err.count("kelts: warning: Value on"), 10);
+    EXPECT_TRUE(verbose.err.contains("[lib/KelTSFileStorage/src/TSFileStorage:")) << qPrintable(verbose.err);
+
+    const Outcome quiet = kelts({"write", dir(), "--type", "int", "--quiet"}, replaced(",3"));
+    EXPECT_EQ(quiet.status, 0);
+    EXPECT_TRUE(quiet.err.isEmpty()) << qPrintable(quiet.err);
+    EXPECT_EQ(kelts({"read", dir(), "--type", "int", "-q", "-v"}).status, 2);
+}
+
+TEST_F(KeltsTool, CalendarDaysBeginWhereTheOffsetSays)
+{
+    QByteArray csv;
+    for (int h = 0; h < 48; ++h)   // hourly from 2024-05-06T00:00Z
+        csv += QStringLiteral("%1,1\n").arg(1714953600000LL + h * 3600000LL).toUtf8();
+    write(dir(), "double", csv);
+    const QStringList utc = readLines(dir(), "double", {"--method", "count", "--interval", "day", "--align", "--label-start"});
+    EXPECT_EQ(utc, (QStringList{"timestamp,value", "1714953600000,24", "1715040000000,24"}));
+    // Days from 22:00 UTC: the last two hours of each UTC day belong to the
+    // next. The day that began before the first record is passed over, as
+    // the storage moves an aligned start before the series forward by whole
+    // intervals.
+    const QStringList east = readLines(dir(), "double", {"--method", "count", "--interval", "day", "--align",
+                                                         "--label-start", "--offset-min", "120"});
+    EXPECT_EQ(east, (QStringList{"timestamp,value", "1715032800000,24", "1715119200000,2"}));
+    EXPECT_EQ(kelts({"count", dir(), "--type", "double", "--method", "count", "--interval", "day", "--align",
+                     "--offset-min", "120"}).out,
+              QStringLiteral("%1\n").arg(east.size() - 1));
+}
+
+TEST_F(KeltsTool, DeletingFromACompanionLeavesTheSeries)
+{
+    write(dir(), "double", "2024-05-07T09:00:00Z,1\n2024-05-07T09:00:10Z,2\n");
+    write(dir(), "double", "2024-05-07T09:00:05Z,1.5\n", {"--backfill"});
+    EXPECT_EQ(kelts({"count", dir(), "--type", "double", "--backfill"}).out, "4\n");
+    const Outcome del = kelts({"delete", dir(), "--type", "double", "--from", "first", "--to", "last", "--marker", "P"});
+    EXPECT_EQ(del.out, "1 record deleted\n") << qPrintable(del.err);
+    EXPECT_EQ(kelts({"count", dir(), "--type", "double", "--backfill"}).out, "3\n");
+    EXPECT_FALSE(QFileInfo::exists(dir() + "/DP"));
+    EXPECT_EQ(kelts({"delete", dir(), "--type", "double", "--from", "first", "--to", "last", "--marker", "O"}).out,
+              "0 records deleted\n");
+}
+
+TEST_F(KeltsTool, CheckNamesLeftoversAndStraysInCompanions)
+{
+    write(dir(), "double", "2024-05-07T09:00:00Z,1\n2024-05-07T09:00:10Z,2\n");
+    write(dir(), "double", "2024-05-07T09:00:10Z,3\n", {"--overwritten"});
+    const QString base = dir() + "/D/2024";
+    QFile(base).copy(base + ".new");
+    QDir().mkpath(dir() + "/DO/old");
+    // The log of replaced values is filed under the time of the write.
+    const QString log = dir() + "/DO/V/" + QDir(dir() + "/DO/V").entryList({"????"}, QDir::Files).value(0);
+    QFile(log + ".var").rename(log + ".var.bak");
+    const Outcome r = kelts({"check", dir(), "--type", "double"});
+    EXPECT_EQ(r.status, 1);
+    for (const QString& expected : {base + ".new: left by an interrupted rewrite",
+                                    dir() + "/DO/old: stray entry in a companion directory",
+                                    log + ".var.bak: stray file",
+                                    log + ".var: side file missing or unreadable"})
+        EXPECT_TRUE(r.out.contains(expected)) << qPrintable(expected) << "\n" << qPrintable(r.out);
+    EXPECT_TRUE(r.out.contains("checked 1 series and 1 companion, 2 files, 3 records: 4 problems")) << qPrintable(r.out);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,149 @@
+// Splitting and quoting of CSV rows.
+
+#include "Csv.h"
+
+namespace kelts {
+
+namespace {
+
+constexpr qsizetype kFlushBytes = 1 << 16;
+
+} // namespace
+
+CsvReader::CsvReader(QString t) : text(std::move(t))
+{
+    if (text.startsWith(QChar(0xFEFF)))   // a byte order mark from a spreadsheet export
+        pos = 1;
+}
+
+bool CsvReader::atLineEnd() const
+{
+    return pos >= text.size() || text[pos] == u'\n' || text[pos] == u'\r';
+}
+
+void CsvReader::skipLineEnd()
+{
+    if (pos < text.size() && text[pos] == u'\r')
+        ++pos;
+    if (pos < text.size() && text[pos] == u'\n')
+        ++pos;
+    ++line;
+}
+
+QString CsvReader::plainField()
+{
+    const qsizetype start = pos;
+    while (!atLineEnd() && text[pos] != u',')
+        ++pos;
+    return text.mid(start, pos - start);
+}
+
+QString CsvReader::quotedField(Row& row)
+{
+    QString field;
+    ++pos;   // the opening quote
+    for (;;) {
+        if (pos >= text.size()) {
+            row.error = QStringLiteral("a quoted field is not closed");
+            return field;
+        }
+        const QChar c = text[pos++];
+        if (c == u'"') {
+            if (pos < text.size() && text[pos] == u'"') {
+                field += u'"';
+                ++pos;
+                continue;
+            }
+            if (!atLineEnd() && text[pos] != u',')
+                row.error = QStringLiteral("text follows a closing quote");
+            return field;
+        }
+        if (c == u'\n')
+            ++line;
+        field += c;
+    }
+}
+
+bool CsvReader::next(Row& row)
+{
+    // Blank lines and comments are not rows.
+    while (pos < text.size() && (atLineEnd() || text[pos] == u'#')) {
+        while (!atLineEnd())
+            ++pos;
+        skipLineEnd();
+    }
+    if (pos >= text.size())
+        return false;
+
+    row = Row();
+    row.line = line;
+    for (;;) {
+        row.fields << (text[pos] == u'"' ? quotedField(row) : plainField());
+        if (!row.error.isEmpty()) {
+            while (!atLineEnd())   // resume at the next line
+                ++pos;
+            break;
+        }
+        if (atLineEnd())
+            break;
+        ++pos;   // the comma
+        if (pos >= text.size()) {
+            row.fields << QString();
+            break;
+        }
+    }
+    skipLineEnd();
+    return true;
+}
+
+QString csvField(const QString& text)
+{
+    bool needsQuotes = false;
+    for (QChar c : text) {
+        if (c == u',' || c == u'"' || c == u'\n' || c == u'\r') {
+            needsQuotes = true;
+            break;
+        }
+    }
+    // Leading or trailing spaces would be taken for padding.
+    if (!text.isEmpty() && (text.front().isSpace() || text.back().isSpace()))
+        needsQuotes = true;
+    if (!needsQuotes)
+        return text;
+    QString quoted = text;
+    quoted.replace(u'"', QStringLiteral("\"\""));
+    return u'"' + quoted + u'"';
+}
+
+CsvWriter::CsvWriter(std::FILE* out) : out(out)
+{
+    buffer.reserve(kFlushBytes + 4096);
+}
+
+CsvWriter::~CsvWriter()
+{
+    flush();
+}
+
+void CsvWriter::row(const QStringList& fields)
+{
+    buffer += fields.join(u',').toUtf8();
+    buffer += '\n';
+    if (buffer.size() >= kFlushBytes)
+        flush();
+}
+
+void CsvWriter::blankLine()
+{
+    buffer += '\n';
+}
+
+void CsvWriter::flush()
+{
+    if (!buffer.isEmpty())
+        std::fwrite(buffer.constData(), 1, size_t(buffer.size()), out);
+    buffer.clear();
+    std::fflush(out);
+}
+
+} // namespace kelts

@@ -1,0 +1,69 @@
+// Counting a series' files by walking them with the tree finders.
+
+#include "FileTally.h"
+
+#include "Terminal.h"
+
+#include <QFileInfo>
+#include <QStringList>
+
+#include <climits>
+
+namespace kelts {
+
+namespace {
+
+const char* const kDepthNames[] = {"year", "month", "day", "hour", "minute"};
+
+QString counted(long long n, const QString& what)
+{
+    return QStringLiteral("%1 %2%3").arg(grouped(n), what, n == 1 ? QString() : QStringLiteral("s"));
+}
+
+} // namespace
+
+FileTally tallyFiles(Kel::TSFileStorage& storage)
+{
+    FileTally t;
+    long long previousBase = LLONG_MIN;
+    for (Kel::TSFileInfo info = storage.findFirstFile(); info.found(); info = storage.findNextFile(info)) {
+        const long long base = info.getBaseTsMs();
+        if (base <= previousBase)   // a damaged tree: check tells more
+            break;
+        previousBase = base;
+        const int depth = int(info.getDirDepth());
+        if (depth >= 0 && depth < 5)
+            ++t.filesByDepth[depth];
+        ++t.files;
+        t.bytes += info.size();
+        const QFileInfo side(info.filePath() + QStringLiteral(".var"));
+        if (side.isFile()) {
+            ++t.sideFiles;
+            t.bytes += side.size();
+        }
+    }
+    return t;
+}
+
+QString describeFiles(const FileTally& t)
+{
+    QStringList parts;
+    for (int d = 0; d < 5; ++d)
+        if (t.filesByDepth[d] > 0)
+            parts << counted(t.filesByDepth[d], QLatin1String(kDepthNames[d]) + QStringLiteral(" file"));
+    if (t.sideFiles > 0)
+        parts << counted(t.sideFiles, QStringLiteral("side file"));
+    return parts.isEmpty() ? QStringLiteral("none") : parts.join(QStringLiteral(", "));
+}
+
+QString describeBytes(long long bytes, bool brief)
+{
+    if (bytes < 1024)
+        return QStringLiteral("%1 bytes").arg(bytes);
+    const double kib = double(bytes) / 1024.0;
+    const QString size = kib < 1024.0 ? QStringLiteral("%1 KiB").arg(kib, 0, 'f', 1)
+                                      : QStringLiteral("%1 MiB").arg(kib / 1024.0, 0, 'f', 1);
+    return brief ? size : QStringLiteral("%1 bytes (%2)").arg(grouped(bytes), size);
+}
+
+} // namespace kelts

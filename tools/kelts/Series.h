@@ -1,0 +1,88 @@
+// The series a command works on (DIR and --type) and the read request built
+// from the options that read, count and plot share.
+#pragma once
+
+#include "CommandLine.h"
+#include "TimeText.h"
+
+#include "TSFileStorage.h"
+
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+#include <vector>
+
+namespace kelts {
+
+// 4 MiB: a day of one-second double readings stays in one file.
+constexpr int kDefaultMaxFileSize = 4 * 1024 * 1024;
+
+std::unique_ptr<Kel::TSFileStorage> makeStorage(const QString& dir, QMetaType::Type type,
+                                                int maxFileSize = kDefaultMaxFileSize);
+
+// Throws UsageError when the directory does not exist.
+void requireDirectory(const QString& dir);
+// Throws NothingFound when DIR holds no series of the storage's type,
+// naming what it does hold.
+void requireSeries(Kel::TSFileStorage& storage, QMetaType::Type type);
+
+// The value directories under DIR ("D", "I", ...), sorted; companions
+// ("DP", "DO") are not among them.
+QStringList markersIn(const QString& dir);
+// The value types kept under a marker: "bool, char or uchar" for "B".
+QString typesOfMarker(const QString& marker);
+// The type a marker is read as when no --type is given: the first of them.
+QMetaType::Type representativeType(const QString& marker);
+
+// The bound as the library takes it: its own constants for now, first and
+// last, milliseconds otherwise. A shifted first or last is resolved with the
+// series' records; throws NothingFound for an empty series.
+long long resolveBound(const TimeBound& bound, Kel::TSFileStorage& storage);
+
+// The instant a bound stands for; false for first or last of a series
+// without records.
+bool instantOf(const TimeBound& bound, Kel::TSFileStorage& storage, long long& ms);
+
+// Fails with a usage error when the range ends before it starts.
+void checkRange(const CommandLine& cl, const TimeBound& from, const TimeBound& to,
+                Kel::TSFileStorage& storage);
+
+// What read, count and plot ask the library for.
+struct ReadRequest {
+    Kel::Interpolate::InterpolateParam param;
+    std::vector<Kel::Interpolate::InterpolateParam> chain;
+    TimeBound from{TimeBound::First, 0};
+    TimeBound to{TimeBound::Last, 0};
+    bool labelAtStart = false;
+    int limit = 0;   // 0: no limit
+    QString templateName;
+};
+
+// --from --to --method --interval --template --offset-min --filters --align
+// --label-start, and --limit when asked for.
+void addRequestOptions(CommandLine& cl, bool withLimit);
+ReadRequest requestFromOptions(const CommandLine& cl, QMetaType::Type type, bool withLimit);
+
+// The engine's reading of a method string and interval: the method, and
+// whether it averages minimum and maximum.
+struct MethodReading {
+    Kel::Interpolate::InterpolateMethod method = Kel::Interpolate::RAW;
+    bool average = false;
+};
+MethodReading readMethod(const Kel::Interpolate::InterpolateParam& param);
+// "meanA", "minMax", ... as method strings spell it; "raw" for RAW.
+QString methodName(Kel::Interpolate::InterpolateMethod method);
+
+// The difference keyword of a method string ("diffCtrUpCleaned", "diff"),
+// or an empty string.
+QString differenceKeyword(const QString& method);
+
+// True for a read that returns the stored records unchanged, which may be
+// read in pieces.
+bool isPlainRaw(const ReadRequest& request);
+
+// "meanA, 1h, aligned" for headings and chart titles.
+QString describeRequest(const ReadRequest& request);
+
+} // namespace kelts

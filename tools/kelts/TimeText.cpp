@@ -1,0 +1,257 @@
+// Parsing and printing of timestamps, bounds, durations and intervals.
+
+#include "TimeText.h"
+
+#include <QDate>
+#include <QDateTime>
+#include <QRegularExpression>
+#include <QTime>
+
+
+namespace kelts {
+
+namespace {
+
+constexpr long long kSecondMs = 1000;
+constexpr long long kMinuteMs = 60 * kSecondMs;
+constexpr long long kHourMs = 60 * kMinuteMs;
+constexpr long long kDayMs = 24 * kHourMs;
+
+struct CalendarWord {
+    const char* word;
+    long long interval;
+};
+
+// The calendar units of the interpolation engine, by the numbers it takes.
+const CalendarWord kCalendarWords[] = {
+    {"day", -1}, {"week", -2}, {"month", -3}, {"quarter", -4}, {"halfyear", -5}, {"year", -6},
+};
+
+bool isAllDigits(QStringView text)
+{
+    if (text.isEmpty())
+        return false;
+    for (QChar c : text)
+        if (c < u'0' || c > u'9')
+            return false;
+    return true;
+}
+
+bool parseEpochMs(QStringView text, long long& ms, QString& why)
+{
+    bool ok = false;
+    ms = text.toLongLong(&ok);
+    if (!ok) {
+        why = QStringLiteral("'%1' is too large for a time in milliseconds").arg(text);
+        return false;
+    }
+    if (ms < kEarliestMs || ms > kLatestMs) {
+        why = QStringLiteral("%1 ms lies outside the years 0 to 9999").arg(ms);
+        return false;
+    }
+    return true;
+}
+
+// The zone suffix of an ISO time: "Z", "+02:00", "-0130"; minutes east of UTC.
+bool zoneOffsetMinutes(QStringView zone, int& minutes)
+{
+    if (zone == u"Z" || zone == u"z") {
+        minutes = 0;
+        return true;
+    }
+    const QString digits = zone.mid(1).toString().remove(u':');
+    if (digits.size() != 4 || !isAllDigits(digits))
+        return false;
+    minutes = digits.left(2).toInt() * 60 + digits.mid(2).toInt();
+    if (zone.front() == u'-')
+        minutes = -minutes;
+    return true;
+}
+
+bool parseIso(QStringView text, long long& ms, QString& why)
+{
+    static const QRegularExpression pattern(QStringLiteral(
+        "^(\\d{4})-(\\d{2})-(\\d{2})"
+        "(?:[T ](\\d{2}):(\\d{2})(?::(\\d{2})(?:\\.(\\d{1,3}))?)?(Z|z|[+-]\\d{2}:?\\d{2})?)?$"));
+    const QRegularExpressionMatch m = pattern.match(text);
+    if (!m.hasMatch()) {
+        why = QStringLiteral("'%1' is not a time: give milliseconds since 1970 or ISO 8601 UTC "
+                             "such as 2024-05-07T09:03:00Z")
+                  .arg(text);
+        return false;
+    }
+    const QDate date(m.captured(1).toInt(), m.captured(2).toInt(), m.captured(3).toInt());
+    if (!date.isValid()) {
+        why = QStringLiteral("'%1' names no calendar date").arg(text);
+        return false;
+    }
+    const bool hasTime = m.capturedLength(4) > 0;
+    if (hasTime && m.capturedLength(8) == 0) {
+        why = QStringLiteral("'%1' has no time zone: add Z for UTC").arg(text);
+        return false;
+    }
+    QString fraction = m.captured(7);
+    while (fraction.size() < 3)
+        fraction += u'0';   // ".5" is half a second
+    const QTime time(m.captured(4).toInt(), m.captured(5).toInt(), m.captured(6).toInt(),
+                     fraction.toInt());
+    if (hasTime && !time.isValid()) {
+        why = QStringLiteral("'%1' names no time of day").arg(text);
+        return false;
+    }
+    int offsetMinutes = 0;
+    if (hasTime && !zoneOffsetMinutes(m.captured(8), offsetMinutes)) {
+        why = QStringLiteral("'%1' has an unreadable time zone").arg(text);
+        return false;
+    }
+    ms = QDateTime(date, hasTime ? time : QTime(0, 0), Qt::UTC).toMSecsSinceEpoch() -
+         offsetMinutes * kMinuteMs;
+    if (ms < kEarliestMs || ms > kLatestMs) {
+        why = QStringLiteral("'%1' lies outside the years 0 to 9999").arg(text);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool parseTimestamp(QStringView text, long long& ms, QString& why)
+{
+    text = text.trimmed();
+    const bool negative = text.startsWith(u'-');
+    if (isAllDigits(negative ? text.mid(1) : text))
+        return parseEpochMs(text, ms, why);
+    return parseIso(text, ms, why);
+}
+
+QString isoTime(long long ms)
+{
+    return QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC).toString(Qt::ISODateWithMs);
+}
+
+QString formatTime(long long ms, TimeFormat format)
+{
+    return format == TimeFormat::Ms ? QString::number(ms) : isoTime(ms);
+}
+
+bool parseTimeFormat(QStringView text, TimeFormat& format, QString& why)
+{
+    if (text == u"iso") {
+        format = TimeFormat::Iso;
+        return true;
+    }
+    if (text == u"ms") {
+        format = TimeFormat::Ms;
+        return true;
+    }
+    why = QStringLiteral("--time takes 'iso' or 'ms', not '%1'").arg(text);
+    return false;
+}
+
+bool parseDurationMs(QStringView text, long long& ms, QString& why)
+{
+    static const QRegularExpression pattern(QStringLiteral("^(\\d+)(ms|s|m|h|d|w)?$"));
+    const QRegularExpressionMatch m = pattern.match(text.trimmed());
+    bool ok = false;
+    const long long count = m.hasMatch() ? m.captured(1).toLongLong(&ok) : 0;
+    if (!ok) {
+        why = QStringLiteral("'%1' is not a length of time such as 90s, 15m, 1h or 2d").arg(text);
+        return false;
+    }
+    const QString unit = m.captured(2);
+    long long unitMs = kSecondMs;
+    if (unit == u"ms")
+        unitMs = 1;
+    else if (unit == u"m")
+        unitMs = kMinuteMs;
+    else if (unit == u"h")
+        unitMs = kHourMs;
+    else if (unit == u"d")
+        unitMs = kDayMs;
+    else if (unit == u"w")
+        unitMs = 7 * kDayMs;
+    if (count > (kLatestMs - kEarliestMs) / unitMs) {
+        why = QStringLiteral("'%1' is longer than the time the storage can hold").arg(text);
+        return false;
+    }
+    ms = count * unitMs;
+    return true;
+}
+
+bool parseBound(QStringView text, TimeBound& bound, QString& why)
+{
+    text = text.trimmed();
+    static const QRegularExpression anchored(QStringLiteral("^(now|first|last)(?:([+-])(.+))?$"));
+    const QRegularExpressionMatch m = anchored.match(text);
+    if (!m.hasMatch()) {
+        bound.anchor = TimeBound::Exact;
+        return parseTimestamp(text, bound.ms, why);
+    }
+    const QString anchor = m.captured(1);
+    bound.anchor = anchor == u"now" ? TimeBound::Now
+                 : anchor == u"first" ? TimeBound::First
+                                      : TimeBound::Last;
+    bound.ms = 0;
+    if (m.capturedLength(2) == 0)
+        return true;
+    if (!parseDurationMs(m.captured(3), bound.ms, why))
+        return false;
+    if (m.captured(2) == u"-")
+        bound.ms = -bound.ms;
+    return true;
+}
+
+bool parseInterval(QStringView text, long long& interval, QString& why)
+{
+    text = text.trimmed();
+    if (text == u"raw") {
+        interval = 0;
+        return true;
+    }
+    for (const CalendarWord& w : kCalendarWords) {
+        if (text.compare(QLatin1String(w.word), Qt::CaseInsensitive) == 0) {
+            interval = w.interval;
+            return true;
+        }
+    }
+    long long ms = 0;
+    if (text.endsWith(QLatin1String("ms")) || !parseDurationMs(text, ms, why) || ms % kSecondMs != 0) {
+        why = QStringLiteral("'%1' is not an interval: give seconds (900), a length such as 15m, "
+                             "1h or 1d, or one of day, week, month, quarter, halfyear, year")
+                  .arg(text);
+        return false;
+    }
+    interval = ms / kSecondMs;
+    return true;
+}
+
+QString describeInterval(long long interval)
+{
+    for (const CalendarWord& w : kCalendarWords)
+        if (w.interval == interval)
+            return QString::fromLatin1(w.word);
+    if (interval == 0)
+        return QStringLiteral("raw");
+    if (interval < 0)
+        return QStringLiteral("calendar unit %1").arg(interval);
+    const struct {
+        long long seconds;
+        char unit;
+    } units[] = {{86400, 'd'}, {3600, 'h'}, {60, 'm'}};
+    for (const auto& u : units)
+        if (interval % u.seconds == 0)
+            return QString::number(interval / u.seconds) + QLatin1Char(u.unit);
+    return QString::number(interval) + QLatin1Char('s');
+}
+
+QString describeElapsed(long long nanoseconds)
+{
+    const double ms = double(nanoseconds) / 1e6;
+    if (ms < 1.0)
+        return QStringLiteral("%1 ms").arg(ms, 0, 'f', 2);
+    if (ms < 1000.0)
+        return QStringLiteral("%1 ms").arg(ms, 0, 'f', ms < 10.0 ? 1 : 0);
+    return QStringLiteral("%1 s").arg(ms / 1000.0, 0, 'f', 2);
+}
+
+} // namespace kelts

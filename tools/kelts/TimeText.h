@@ -1,0 +1,53 @@
+// Times as operators type and read them: timestamps (epoch milliseconds or
+// ISO 8601 UTC), range bounds relative to now or to the series' first and
+// last record, durations, and the intervals of condensed reads.
+#pragma once
+
+#include <QString>
+#include <QStringView>
+
+namespace kelts {
+
+// The instants the storage can place in its date tree: years 0 to 9999.
+constexpr long long kEarliestMs = -62167219200000LL;   // 0000-01-01T00:00:00.000Z
+constexpr long long kLatestMs = 253402300799999LL;     // 9999-12-31T23:59:59.999Z
+
+// Milliseconds since 1970-01-01 UTC, or ISO 8601 such as
+// "2024-05-07T09:03:00Z", "2024-05-07T09:03:00.250Z", "2024-05-07 09:03Z",
+// "2024-05-07T11:03:00+02:00" or a plain date "2024-05-07" (midnight UTC).
+// A time of day without a zone is refused rather than guessed.
+bool parseTimestamp(QStringView text, long long& ms, QString& why);
+
+enum class TimeFormat { Iso, Ms };
+
+// "2024-05-07T09:03:00.000Z", always with milliseconds, so that the text
+// reads back as the same instant.
+QString isoTime(long long ms);
+QString formatTime(long long ms, TimeFormat format);
+bool parseTimeFormat(QStringView text, TimeFormat& format, QString& why);
+
+// A length of time: "250ms", "90s", "15m", "1h", "2d", "1w"; a plain number
+// is seconds.
+bool parseDurationMs(QStringView text, long long& ms, QString& why);
+
+// A range bound: a timestamp, or "now", "first", "last", each optionally
+// shifted by a duration ("now-24h", "last-15m", "first+1d").
+struct TimeBound {
+    enum Anchor { Exact, Now, First, Last };
+    Anchor anchor = Exact;
+    long long ms = 0;   // the instant for Exact, the shift from the anchor otherwise
+};
+bool parseBound(QStringView text, TimeBound& bound, QString& why);
+
+// The interval of a condensed read as the library takes it: seconds when
+// positive (from "900", "15m", "1h", "1d"), calendar units when negative
+// (from "day" -1, "week" -2, "month" -3, "quarter" -4, "halfyear" -5,
+// "year" -6), 0 for raw records ("0" or "raw").
+bool parseInterval(QStringView text, long long& interval, QString& why);
+// "1h", "15m", "90s", "day", ... for messages and chart titles.
+QString describeInterval(long long interval);
+
+// "1.23 s", "45 ms" for the timings the tool reports.
+QString describeElapsed(long long nanoseconds);
+
+} // namespace kelts
