@@ -44,6 +44,26 @@ TEST_F(Reading, RangeInsideFilesIsInclusiveAtBothEnds)
     EXPECT_EQ(read(ms("2024-05-08T00:00:00Z"), ms("2024-05-08T00:00:00Z")).size(), 1u);
 }
 
+TEST_F(Reading, EveryRangeReadsExactlyItsRecords)
+{
+    // Ends inside a file, at a file's last record and between records, over
+    // none, one and two file boundaries.
+    const long long minute = 60000;
+    const std::pair<long long, long long> ranges[] = {
+        {t0 + 600 * minute, t0 + 660 * minute},         {t0 + 600 * minute, t0 + 1439 * minute},
+        {t0 + 600 * minute + 1, t0 + 2000 * minute - 1}, {t0, t0 + 2879 * minute + 30000},
+        {t0 + 100 * minute, last},
+    };
+    for (const auto& [from, to] : ranges) {
+        const long long first = (from - t0 + minute - 1) / minute;
+        const long long end = (to - t0) / minute;
+        const Records got = read(from, to);
+        ASSERT_EQ(got.size(), size_t(end - first + 1)) << from << ".." << to;
+        EXPECT_EQ(got.front().timestamp, t0 + first * minute);
+        EXPECT_EQ(got.back().timestamp, t0 + end * minute);
+    }
+}
+
 TEST_F(Reading, LimitStopsTheReadAndReportsTheCount)
 {
     Records out;

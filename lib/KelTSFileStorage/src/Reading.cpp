@@ -61,9 +61,12 @@ public:
 private:
     void readFile(detail::RecordFile& file, qint64 from)
     {
-        // Raw records go straight from the file into the output.
+        // Raw records go straight from the file into the output. A file whose
+        // period reaches past the range is read only up to the range's end.
         if (direct) {
-            stopped = file.appendInRange(from, file.count() - from, readStart, readEnd, out);
+            const bool pastEnd = file.info().getPeriodEndTsMs() - 1 > readEnd;
+            const qint64 to = pastEnd ? file.upperBound(readEnd) : file.count();
+            stopped = file.appendInRange(from, to - from, readStart, readEnd, out) || to < file.count();
             return;
         }
         for (qint64 at = from; at < file.count() && !stopped; at += kBlockRecords)

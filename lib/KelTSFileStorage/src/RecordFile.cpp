@@ -178,10 +178,17 @@ long long RecordFile::timestampAt(qint64 index)
     return baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth);
 }
 
+// One record through a buffer of its own size: the block buffer of bulk
+// reads is not worth taking for it.
 Interpolate::DataRecord RecordFile::recordAt(qint64 index)
 {
     Interpolate::DataRecord rec;
-    readRecords(index, 1, &rec);
+    uchar p[16] = {};
+    if (index < 0 || index >= count() ||
+        !readBytes(index * recordLayout.stride, reinterpret_cast<char*>(p), recordLayout.stride))
+        return rec;
+    rec.timestamp = baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth);
+    rec.value = valueOf(p + recordLayout.offsetWidth);
     return rec;
 }
 
@@ -250,9 +257,11 @@ qint64 RecordFile::forEachChunk(qint64 from, qint64 n, Chunk chunk)
 {
     const qint64 stride = recordLayout.stride;
     n = std::max<qint64>(0, std::min(n, count() - from));
-    if (!buffer) {
-        bufferRecords = kBufferBytes / stride;
-        buffer.reset(static_cast<uchar*>(std::aligned_alloc(4096, size_t(kBufferBytes))));
+    if (n > 0 && !buffer) {
+        // As large as the first read needs, up to a block.
+        bufferRecords = std::min(kBufferBytes / stride, n);
+        const size_t bytes = size_t((bufferRecords * stride + 4095) / 4096 * 4096);
+        buffer.reset(static_cast<uchar*>(std::aligned_alloc(4096, bytes)));
     }
     qint64 done = 0;
     while (done < n) {
