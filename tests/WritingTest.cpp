@@ -1,5 +1,6 @@
 #include "StorageFixture.h"
 
+#include <QBuffer>
 #include <QDir>
 
 #include <random>
@@ -114,6 +115,38 @@ TEST_F(Writing, TornAppendIsRepairedByTheNextWrite)
     write({{t0 + 1000, 2.0}});
     EXPECT_EQ(readBytes(year()), bytesOf({{t0, 1.0}, {t0 + 1000, 2.0}}));
     EXPECT_EQ(log.count(QStringLiteral("partial record")), 1);
+}
+
+// The bytes the single-record stream operations give these records in a
+// file of the given base and depth.
+QByteArray streamed(TSFileStorage& storage, const Records& records, long long base, Kel::TSFileInfo::DirDepth depth)
+{
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    QDataStream stream(&buffer);
+    stream.setVersion(QDataStream::Qt_5_13);
+    for (const Record& r : records)
+        storage.writeDataRecord(stream, r, base, depth);
+    return bytes;
+}
+
+TEST_F(Writing, AppendsAndSplitsLargerThanABlockKeepTheRecordBytes)
+{
+    // Two days and a bit, one record a second: more than a block of 1 MiB,
+    // with some values given as int to a Double series.
+    Records records;
+    for (long long i = 0; i < 200000; ++i)
+        records.push_back({t0 + i * 1000, i % 7 == 0 ? QVariant(int(i)) : QVariant(i * 0.25)});
+    write(records);
+    EXPECT_EQ(readBytes(year()), streamed(*series, records, ms("2024-01-01T00:00:00Z"), Kel::TSFileInfo::DEPTH_YEAR));
+
+    // Over a limit of 1 MiB the year file is split into a month file of
+    // 2.4 MB, written out a block at a time.
+    useSeries(QMetaType::Double, 1 << 20);
+    write(records);
+    EXPECT_EQ(readBytes(file(QStringLiteral("2024/05"))),
+              streamed(*series, records, ms("2024-05-01T00:00:00Z"), Kel::TSFileInfo::DEPTH_MONTH));
 }
 
 TEST_F(Writing, FloatSeriesKeepsEightValueBytesAcrossBatches)

@@ -47,13 +47,13 @@ __attribute__((noinline)) bool appendFixed(const uchar* p, qint64 n, const Recor
     return false;
 }
 
-template <typename EncodeValue>
-void encodeLoop(const Interpolate::DataRecord* r, qint64 n, const RecordLayout& l, long long base,
-                uchar* p, EncodeValue encodeValue)
+template <int Width, typename EncodeValue>
+void encodeLoop(const Interpolate::DataRecord* r, qint64 n, int stride, long long base, uchar* p,
+                EncodeValue encodeValue)
 {
-    for (qint64 i = 0; i < n; ++i, p += l.stride) {
-        encodeOffset(p, quint64(r[i].timestamp - base), l.offsetWidth);
-        encodeValue(p + l.offsetWidth, r[i].value);
+    for (qint64 i = 0; i < n; ++i, p += stride) {
+        encodeOffset(p, quint64(r[i].timestamp - base), Width);
+        encodeValue(p + Width, r[i].value);
     }
 }
 
@@ -62,19 +62,16 @@ void encodeLoop(const Interpolate::DataRecord* r, qint64 n, const RecordLayout& 
 void encodeFixed(const Interpolate::DataRecord* records, qint64 n, const RecordLayout& layout,
                  long long base, uchar* out)
 {
-    if (layout.type == QMetaType::Double) {
-        encodeLoop(records, n, layout, base, out, [](uchar* f, const QVariant& v) {
-            const double d = v.userType() == QMetaType::Double ? *static_cast<const double*>(v.constData())
-                                                              : v.toDouble();
-            quint64 bits;
-            std::memcpy(&bits, &d, 8);
-            qToBigEndian(bits, f);
-        });
-        return;
-    }
     const QMetaType::Type type = layout.type;
-    encodeLoop(records, n, layout, base, out,
-               [type](uchar* f, const QVariant& v) { encodeValue(f, v, type); });
+    withOffsetWidth(layout.offsetWidth, [&](auto width) {
+        constexpr int w = decltype(width)::value;
+        if (type == QMetaType::Double)
+            encodeLoop<w>(records, n, layout.stride, base, out,
+                          [](uchar* f, const QVariant& v) { encodeDouble(f, doubleOf(v)); });
+        else
+            encodeLoop<w>(records, n, layout.stride, base, out,
+                          [type](uchar* f, const QVariant& v) { encodeValue(f, v, type); });
+    });
 }
 
 void RecordEncoder::encode(uchar* p, const Interpolate::DataRecord& rec) const
@@ -252,17 +249,36 @@ QVariant RecordFile::valueOf(const uchar* field)
     return var->valueAt(decodeVarPosition(field));
 }
 
+uchar* RecordFile::blockBuffer(qint64 records)
+{
+    if (!buffer) {
+        bufferRecords = std::max<qint64>(1, std::min(kBufferBytes / recordLayout.stride, records));
+        const size_t bytes = size_t((bufferRecords * recordLayout.stride + 4095) / 4096 * 4096);
+        buffer.reset(static_cast<uchar*>(std::aligned_alloc(4096, bytes)));
+    }
+    return buffer.get();
+}
+
+bool RecordFile::appendRecords(const Interpolate::DataRecord* records, qint64 n)
+{
+    uchar* block = blockBuffer(n);
+    for (qint64 done = 0; done < n;) {
+        const qint64 size = std::min(bufferRecords, n - done);
+        encodeFixed(records + done, size, recordLayout, baseTs, block);
+        if (!writeAt(fileSize, reinterpret_cast<const char*>(block), size * recordLayout.stride))
+            return false;
+        done += size;
+    }
+    return true;
+}
+
 template <typename Chunk>
 qint64 RecordFile::forEachChunk(qint64 from, qint64 n, Chunk chunk)
 {
     const qint64 stride = recordLayout.stride;
     n = std::max<qint64>(0, std::min(n, count() - from));
-    if (n > 0 && !buffer) {
-        // As large as the first read needs, up to a block.
-        bufferRecords = std::min(kBufferBytes / stride, n);
-        const size_t bytes = size_t((bufferRecords * stride + 4095) / 4096 * 4096);
-        buffer.reset(static_cast<uchar*>(std::aligned_alloc(4096, bytes)));
-    }
+    if (n > 0)
+        blockBuffer(n);
     qint64 done = 0;
     while (done < n) {
         const qint64 size = std::min(bufferRecords, n - done);

@@ -87,11 +87,18 @@ public:
     QVariant valueOf(const uchar* field);
 
     bool writeAt(qint64 byteOffset, const char* data, qint64 n);
+    // Encodes records of a fixed-length type a block at a time and writes
+    // each block at the end of the file: an append of any size takes one
+    // block of memory.
+    bool appendRecords(const Interpolate::DataRecord* records, qint64 n);
     // Cuts a partial record off the end of the file.
     bool dropTail();
 
 private:
     bool readBytes(qint64 offset, char* out, qint64 n);
+    // The page-aligned block buffer, allocated on first use as large as that
+    // use needs, up to a block.
+    uchar* blockBuffer(qint64 records);
     // Reads [from, from + n) a buffer at a time and hands each to chunk(p,
     // done, size); stops early (returning -1) when chunk returns false.
     template <typename Chunk>

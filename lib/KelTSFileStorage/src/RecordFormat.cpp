@@ -82,75 +82,13 @@ RecordLayout::RecordLayout(QMetaType::Type type, int depth)
 {
 }
 
-void encodeOffset(uchar* p, unsigned long long offset, int width)
-{
-    switch (width) {
-    case 5:
-        p[0] = uchar(offset >> 32);
-        qToBigEndian(quint32(offset), p + 1);
-        break;
-    case 4:
-        qToBigEndian(quint32(offset), p);
-        break;
-    case 3:
-        p[0] = uchar(offset >> 16);
-        qToBigEndian(quint16(offset), p + 1);
-        break;
-    case 2:
-        qToBigEndian(quint16(offset), p);
-        break;
-    default:
-        break;
-    }
-}
-
-unsigned long long decodeOffset(const uchar* p, int width)
-{
-    switch (width) {
-    case 5:
-        return (quint64(p[0]) << 32) | qFromBigEndian<quint32>(p + 1);
-    case 4:
-        return qFromBigEndian<quint32>(p);
-    case 3:
-        return (quint64(p[0]) << 16) | qFromBigEndian<quint16>(p + 1);
-    case 2:
-        return qFromBigEndian<quint16>(p);
-    default:
-        return 0;
-    }
-}
-
 namespace {
-
-void encodeDouble(uchar* p, double d)
-{
-    quint64 bits;
-    std::memcpy(&bits, &d, 8);
-    qToBigEndian(bits, p);
-}
-
-double decodeDouble(const uchar* p)
-{
-    const quint64 bits = qFromBigEndian<quint64>(p);
-    double d;
-    std::memcpy(&d, &bits, 8);
-    return d;
-}
 
 float narrowToFloat(double d)
 {
     if (std::isfinite(d) && std::fabs(d) > double(FLT_MAX))
         return d > 0 ? INFINITY : -INFINITY;
     return float(d);
-}
-
-// The stored double of a QVariant that holds one, without the general
-// conversion; any other content converts as toDouble() says.
-double doubleOf(const QVariant& value)
-{
-    if (value.userType() == QMetaType::Double)
-        return *static_cast<const double*>(value.constData());
-    return value.toDouble();
 }
 
 } // namespace

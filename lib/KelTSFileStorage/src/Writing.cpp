@@ -259,13 +259,10 @@ private:
 
     bool appendAll(const Record* first, const Record* last)
     {
+        if (!file.layout().variable && (appendOnly || distinctTimes))
+            return file.appendRecords(first, last - first);
         const int stride = file.layout().stride;
         QByteArray out((last - first) * stride, Qt::Uninitialized);
-        if (!file.layout().variable && (appendOnly || distinctTimes)) {
-            detail::encodeFixed(first, last - first, file.layout(), file.base(),
-                                reinterpret_cast<uchar*>(out.data()));
-            return file.writeAt(file.size(), out.constData(), out.size());
-        }
         qsizetype used = 0;
         for (const Record* run = first; run != last;) {
             const Record* end = runEnd(run, last);
