@@ -1,3 +1,4 @@
+#include "EngineHarness.h"
 #include "StorageFixture.h"
 
 using namespace Kel::test;
@@ -158,4 +159,77 @@ TEST_F(CondensedReading, IntervalCountsAgreeWithTheRead)
                   qint64(hourly(param.method).size()))
             << method;
     }
+}
+
+// The means and the count take the records inside an interval from the
+// file's blocks as plain values; every result must be the one the engine
+// gives when it is handed each record whole.
+class PlainValueReading : public StorageFixture {
+protected:
+    void SetUp() override
+    {
+        // Three days of irregular records, zero and negative values among
+        // them, written a day at a time so that the tree splits into days.
+        useSeries(QMetaType::Double, 100000);
+        for (int day = 0; day < 3; ++day) {
+            Records batch;
+            for (long long t = t0 + day * 86400000LL; t < t0 + (day + 1) * 86400000LL; t += 7919)
+                batch.push_back({t, QVariant(double((t / 7919) % 11) - 3.0)});
+            write(batch);
+            all.insert(all.end(), batch.begin(), batch.end());
+        }
+    }
+
+    void expectSameAsRecordByRecord(const InterpolateParam& param, const std::vector<InterpolateParam>& chain,
+                                    long long start, long long end, bool label, int limit)
+    {
+        Read read;
+        read.param = param;
+        read.chain = chain;
+        read.start = start;
+        read.end = end;
+        read.labelAtIntervalStart = label;
+        read.resultCount = limit;
+        const Records expected = runRead(read, all);
+
+        Records got;
+        int count = limit;
+        ASSERT_TRUE(series->readDataRecords(param, chain, start, end, got, label, count));
+        const std::string what = param.method.toStdString() + " " + std::to_string(param.interval);
+        ASSERT_EQ(got.size(), expected.size()) << what;
+        for (size_t i = 0; i < got.size(); ++i) {
+            ASSERT_EQ(got[i].timestamp, expected[i].timestamp) << what << " result " << i;
+            ASSERT_EQ(got[i].value, expected[i].value) << what << " result " << i;
+        }
+        EXPECT_EQ(count, read.resultCount) << what;
+
+        // Counts take no label and no limit.
+        read.countOnly = true;
+        read.labelAtIntervalStart = false;
+        read.resultCount = 0;
+        const Records counted = runRead(read, all);
+        EXPECT_EQ(series->getCount(param, chain, start, end, true, false, false), counted.at(0).value.toLongLong())
+            << what;
+    }
+
+    const long long t0 = ms("2024-05-07T00:00:00Z");
+    Records all;
+};
+
+TEST_F(PlainValueReading, MeansAndCountsEqualTheRecordByRecordResults)
+{
+    const std::pair<long long, long long> ranges[] = {
+        {TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD},
+        {t0 + 12345, t0 + 2 * 86400000LL - 777},
+    };
+    for (const char* method : {"meanA", "meanG", "meanH", "meanS", "count", "meanAFillNull", "countFill"})
+        for (long long interval : {3600LL, 7LL, -1LL})
+            for (const auto& [start, end] : ranges)
+                for (bool label : {false, true})
+                    for (int limit : {0, 7})
+                        expectSameAsRecordByRecord(request(method, interval, true), {}, start, end, label, limit);
+
+    // In a chain only the first engine takes the records.
+    expectSameAsRecordByRecord(request("meanS", 3600), {request("meanA", 600)}, t0 + 999, t0 + 86400000LL, false, 0);
+    expectSameAsRecordByRecord(request("meanA", 3600), {request("diff", 600)}, t0 + 999, t0 + 86400000LL, false, 0);
 }

@@ -256,3 +256,24 @@ TEST_F(RecordFormat, DoubleOfAVariantIsWhatToDoubleGives)
     const double nan = std::numeric_limits<double>::quiet_NaN();
     EXPECT_TRUE(std::isnan(Kel::detail::doubleOf(QVariant(nan))));
 }
+
+TEST_F(RecordFormat, PlainValueOfAFieldIsWhatItsVariantGives)
+{
+    const QMetaType::Type types[] = {QMetaType::Bool, QMetaType::Char, QMetaType::UChar,
+                                     QMetaType::Short, QMetaType::UShort, QMetaType::Int,
+                                     QMetaType::UInt, QMetaType::LongLong, QMetaType::ULongLong,
+                                     QMetaType::Double, QMetaType::Float};
+    // Sign bits, NaN and infinity, a double beyond any float, small values.
+    const char* const fields[] = {"0000000000000000", "ffffffffffffffff", "8000000000000001",
+                                  "7ff8000000000000", "fff0000000000000", "47f0000000000000",
+                                  "3ff8000000000000", "0102030405060708", "7f7f7f7f7f7f7f7f"};
+    for (QMetaType::Type type : types) {
+        for (const char* hex : fields) {
+            const QByteArray field = QByteArray::fromHex(hex);
+            const auto* p = reinterpret_cast<const uchar*>(field.constData());
+            const double expected = Kel::detail::decodeValue(p, type).toDouble();
+            const double got = Kel::detail::decodeAsDouble(p, type);
+            EXPECT_EQ(std::memcmp(&got, &expected, sizeof got), 0) << "type " << type << " field " << hex;
+        }
+    }
+}

@@ -16,6 +16,8 @@
 #include <QVariant>
 #include <QtEndian>
 
+#include <cfloat>
+#include <cmath>
 #include <cstring>
 #include <memory>
 #include <type_traits>
@@ -115,6 +117,35 @@ inline double decodeDouble(const uchar* p)
     double d;
     std::memcpy(&d, &bits, 8);
     return d;
+}
+
+// A stored double as a Float series gives it back: out-of-range values
+// become infinities instead of undefined conversions.
+inline float narrowToFloat(double d)
+{
+    if (std::isfinite(d) && std::fabs(d) > double(FLT_MAX))
+        return d > 0 ? INFINITY : -INFINITY;
+    return float(d);
+}
+
+// A fixed-length value field as decodeValue(p, type).toDouble() gives it,
+// without building the QVariant.
+inline double decodeAsDouble(const uchar* p, QMetaType::Type type)
+{
+    switch (type) {
+    case QMetaType::Double: return decodeDouble(p);
+    case QMetaType::Float: return double(narrowToFloat(decodeDouble(p)));
+    case QMetaType::Bool: return p[0] != 0 ? 1.0 : 0.0;
+    case QMetaType::Char: return double(qint8(p[0]));
+    case QMetaType::UChar: return double(p[0]);
+    case QMetaType::Short: return double(qint16(qFromBigEndian<quint16>(p)));
+    case QMetaType::UShort: return double(qFromBigEndian<quint16>(p));
+    case QMetaType::Int: return double(qint32(qFromBigEndian<quint32>(p)));
+    case QMetaType::UInt: return double(qFromBigEndian<quint32>(p));
+    case QMetaType::LongLong: return double(qint64(qFromBigEndian<quint64>(p)));
+    case QMetaType::ULongLong: return double(qFromBigEndian<quint64>(p));
+    default: return 0.0;
+    }
 }
 
 // The double a QVariant holds, read in place when it holds one: toDouble()

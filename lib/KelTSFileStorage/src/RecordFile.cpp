@@ -91,17 +91,27 @@ void RecordEncoder::append(QByteArray& out, const Interpolate::DataRecord& rec) 
     encode(reinterpret_cast<uchar*>(out.data() + at), rec);
 }
 
-void RecordFile::FreeDeleter::operator()(void* p) const
+void BlockBuffer::FreeDeleter::operator()(void* p) const
 {
     std::free(p);
 }
 
-RecordFile::RecordFile(TSFileStorage& storage, TSFileInfo info)
+uchar* BlockBuffer::reserve(qint64 bytes)
+{
+    if (bytes > size) {
+        size = (bytes + 4095) / 4096 * 4096;
+        data.reset(static_cast<uchar*>(std::aligned_alloc(4096, size_t(size))));
+    }
+    return data.get();
+}
+
+RecordFile::RecordFile(TSFileStorage& storage, TSFileInfo info, BlockBuffer* blocks)
     : storage(storage),
       fileInfo(std::move(info)),
       recordLayout(storage.valueType, fileInfo.getDirDepth()),
       baseTs(fileInfo.getBaseTsMs()),
-      file(fileInfo.filePath())
+      file(fileInfo.filePath()),
+      blocks(blocks ? blocks : &ownBlocks)
 {
 }
 
@@ -251,12 +261,11 @@ QVariant RecordFile::valueOf(const uchar* field)
 
 uchar* RecordFile::blockBuffer(qint64 records)
 {
-    if (!buffer) {
-        bufferRecords = std::max<qint64>(1, std::min(kBufferBytes / recordLayout.stride, records));
-        const size_t bytes = size_t((bufferRecords * recordLayout.stride + 4095) / 4096 * 4096);
-        buffer.reset(static_cast<uchar*>(std::aligned_alloc(4096, bytes)));
-    }
-    return buffer.get();
+    const qint64 stride = recordLayout.stride;
+    const qint64 wanted = std::max<qint64>(1, std::min(kBufferBytes / stride, records));
+    uchar* p = blocks->reserve(wanted * stride);
+    bufferRecords = std::min(kBufferBytes, blocks->capacity()) / stride;
+    return p;
 }
 
 bool RecordFile::appendRecords(const Interpolate::DataRecord* records, qint64 n)
@@ -277,14 +286,13 @@ qint64 RecordFile::forEachChunk(qint64 from, qint64 n, Chunk chunk)
 {
     const qint64 stride = recordLayout.stride;
     n = std::max<qint64>(0, std::min(n, count() - from));
-    if (n > 0)
-        blockBuffer(n);
+    uchar* block = n > 0 ? blockBuffer(n) : nullptr;
     qint64 done = 0;
     while (done < n) {
         const qint64 size = std::min(bufferRecords, n - done);
-        if (!readBytes((from + done) * stride, reinterpret_cast<char*>(buffer.get()), size * stride))
+        if (!readBytes((from + done) * stride, reinterpret_cast<char*>(block), size * stride))
             break;
-        if (!chunk(buffer.get(), done, size))
+        if (!chunk(block, done, size))
             return -1;
         done += size;
     }
@@ -304,6 +312,11 @@ qint64 RecordFile::readRecords(qint64 from, qint64 n, Interpolate::DataRecord* o
         }
         return true;
     });
+}
+
+void RecordFile::visitBlocks(qint64 from, qint64 n, const std::function<bool(const uchar*, qint64)>& visit)
+{
+    forEachChunk(from, n, [&](const uchar* p, qint64, qint64 size) { return visit(p, size); });
 }
 
 bool RecordFile::appendInRange(qint64 from, qint64 n, long long lo, long long hi,

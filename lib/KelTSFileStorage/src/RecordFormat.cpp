@@ -10,8 +10,6 @@
 #include <QBuffer>
 #include <QtEndian>
 
-#include <cfloat>
-#include <cmath>
 #include <cstring>
 
 namespace Kel {
@@ -81,17 +79,6 @@ RecordLayout::RecordLayout(QMetaType::Type type, int depth)
       stride(offsetWidth + (type == QMetaType::Float ? 8 : dataLengthOf(type)))
 {
 }
-
-namespace {
-
-float narrowToFloat(double d)
-{
-    if (std::isfinite(d) && std::fabs(d) > double(FLT_MAX))
-        return d > 0 ? INFINITY : -INFINITY;
-    return float(d);
-}
-
-} // namespace
 
 void encodeValue(uchar* p, const QVariant& value, QMetaType::Type type)
 {
