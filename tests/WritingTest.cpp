@@ -3,6 +3,8 @@
 #include <QBuffer>
 #include <QDir>
 
+#include <algorithm>
+
 #include <random>
 
 using namespace Kel::test;
@@ -58,6 +60,32 @@ TEST_F(Writing, InsertsChangeOnlyTheBytesTheyMust)
     write({{t0 + 4000, 5.0}, {t0 + 500, 1.5}});  // one after, one between, in one batch
     EXPECT_EQ(readBytes(year()), bytesOf({a, {t0 + 500, 1.5}, b, c, d, {t0 + 4000, 5.0}}));
     EXPECT_FALSE(QFileInfo::exists(year() + QStringLiteral(".new")));
+}
+
+TEST_F(Writing, FewAndManyChangesToALargeFileLandAlike)
+{
+    // A batch with few records for a file searches it on disk, one with many
+    // reads it whole first; both must place inserts and overwrites alike.
+    Records records;
+    for (long long i = 0; i < 20000; ++i)
+        records.push_back({t0 + i * 1000, double(i)});
+    write(records);
+    const auto change = [&](std::initializer_list<Record> batch) {
+        for (const Record& r : batch) {
+            const auto at = std::lower_bound(records.begin(), records.end(), r,
+                                             [](const Record& a, const Record& b) { return a.timestamp < b.timestamp; });
+            if (at != records.end() && at->timestamp == r.timestamp)
+                at->value = r.value;
+            else
+                records.insert(at, r);
+        }
+        write(batch);
+        ASSERT_EQ(readBytes(year()), bytesOf(records));
+    };
+    change({{t0 + 500, -1.0}, {t0 + 7000, -2.0}});
+    change({{t0 + 1000, -3.0}, {t0 + 19999000, -4.0}});
+    change({{t0 + 1500, -5.0}, {t0 + 2000, -6.0}, {t0 + 2500, -7.0}, {t0 + 9999500, -8.0},
+            {t0 + 19999500, -9.0}, {t0 + 3000, -10.0}, {t0 + 4000, -11.0}});
 }
 
 TEST_F(Writing, OverwriteInsideTheFilePatchesOneRecord)

@@ -344,12 +344,12 @@ QString rewritePath(const QString& path)
 
 namespace {
 
-bool writeWhole(const QString& path, const QByteArray& data)
+bool writeWhole(const QString& path, const char* data, qint64 size)
 {
     QFile out(path);
     if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate))
         return false;
-    const bool written = out.write(data) == data.size() && out.flush();
+    const bool written = out.write(data, size) == size && out.flush();
     out.close();
     return written;
 }
@@ -366,10 +366,10 @@ QString sideFileOf(const QString& path)
 
 } // namespace
 
-bool replaceFile(const QString& path, const QByteArray& data)
+bool replaceFile(const QString& path, const char* data, qint64 size)
 {
     const QString temp = rewritePath(path);
-    if (writeWhole(temp, data) && renameOver(temp, path))
+    if (writeWhole(temp, data, size) && renameOver(temp, path))
         return true;
     QFile::remove(temp);
     return false;
@@ -381,7 +381,8 @@ bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const Q
     const QString tempVar = sideFileOf(temp);
     // The storage file is written first: while it exists beside the old one,
     // the replacement has not begun and recovery throws both away.
-    if (!writeWhole(temp, data) || !writeWhole(tempVar, varData) || !renameOver(temp, path)) {
+    if (!writeWhole(temp, data.constData(), data.size()) || !writeWhole(tempVar, varData.constData(), varData.size()) ||
+        !renameOver(temp, path)) {
         QFile::remove(temp);
         QFile::remove(tempVar);
         return false;

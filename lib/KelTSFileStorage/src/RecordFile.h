@@ -142,7 +142,7 @@ QString rewritePath(const QString& path);
 
 // Writes data to rewritePath(path) and renames it over path, so that the
 // file holds either its old or its new contents, whenever the process stops.
-bool replaceFile(const QString& path, const QByteArray& data);
+bool replaceFile(const QString& path, const char* data, qint64 size);
 
 // Replaces a storage file and its side file together: both new contents are
 // written beside them first, then the storage file is renamed into place and

@@ -25,6 +25,10 @@ using Record = Interpolate::DataRecord;
 
 namespace {
 
+// A binary search on disk costs about as much as reading this many records
+// in one call.
+constexpr qint64 kRecordsPerSearch = 8192;
+
 // Batch order: by timestamp, then by value (NaN last), input order kept
 // among equals.
 bool batchLess(const Record& a, const Record& b)
@@ -100,13 +104,25 @@ QString isoTime(long long ms)
 
 } // namespace
 
+// Memory that the files of one batch use in turn, so that its pages are
+// allocated and touched once: a file's stored records read whole, the new
+// contents of a rewritten file, and the block buffer. All are page aligned:
+// the kernel copies to and from a buffer that starts inside a page several
+// times slower.
+struct BatchBuffers {
+    detail::BlockBuffer stored;
+    detail::BlockBuffer rewritten;
+    detail::BlockBuffer blocks;
+};
+
 // Applies the share of one batch that falls into one storage file.
 class FileBatchWriter {
 public:
     FileBatchWriter(TSFileStorage& storage, const TSFileInfo& info, bool appendOnly,
-                    bool distinctTimes, std::vector<Record>* overwritten)
+                    bool distinctTimes, std::vector<Record>* overwritten, BatchBuffers& buffers)
         : storage(storage),
-          file(storage, info),
+          buffers(buffers),
+          file(storage, info, &buffers.blocks),
           isNew(!info.found()),
           appendOnly(appendOnly),
           distinctTimes(distinctTimes),
@@ -289,12 +305,16 @@ private:
     {
         std::vector<Placement> places;
         const qint64 count = file.count();
+        // A search on disk reads one timestamp a call; a batch with many
+        // records for the file reads it whole once and searches in memory.
+        if ((last - first) * kRecordsPerSearch >= count)
+            loadStored();
         bool inserts = false;
         qint64 from = 0;
         for (const Record* run = first; run != last;) {
             const Record* end = runEnd(run, last);
             const qint64 index = lowerBoundFrom(from, run->timestamp);
-            const bool stored = index < count && file.timestampAt(index) == run->timestamp;
+            const bool stored = index < count && storedTimestamp(index) == run->timestamp;
             inserts = inserts || (!stored && index < count);
             places.push_back({run, end, index, stored});
             from = index;
@@ -308,12 +328,38 @@ private:
         qint64 hi = file.count();
         while (lo < hi) {
             const qint64 mid = (lo + hi) >> 1;
-            if (file.timestampAt(mid) < ts)
+            if (storedTimestamp(mid) < ts)
                 lo = mid + 1;
             else
                 hi = mid;
         }
         return lo;
+    }
+
+    bool loadStored()
+    {
+        const qint64 bytes = file.count() * file.layout().stride;
+        loaded = buffers.stored.reserve(bytes);
+        isLoaded = file.readRaw(0, file.count(), reinterpret_cast<char*>(loaded));
+        return isLoaded;
+    }
+
+    const uchar* loadedRecord(qint64 index) const { return loaded + index * file.layout().stride; }
+
+    long long storedTimestamp(qint64 index)
+    {
+        if (!isLoaded)
+            return file.timestampAt(index);
+        return file.base() + (long long)detail::decodeOffset(loadedRecord(index), file.layout().offsetWidth);
+    }
+
+    // Copies the bytes of stored records [from, from + n) to out.
+    void readStored(qint64 from, qint64 n, char* out)
+    {
+        if (!isLoaded)
+            file.readRaw(from, n, out);
+        else
+            std::memcpy(out, loadedRecord(from), size_t(n * file.layout().stride));
     }
 
     bool patchInPlace(const std::vector<Placement>& places)
@@ -325,7 +371,7 @@ private:
         uchar record[16];
         for (const Placement& p : places) {
             if (p.stored) {
-                file.readRaw(p.index, 1, reinterpret_cast<char*>(record));
+                readStored(p.index, 1, reinterpret_cast<char*>(record));
                 Slot slot(record, true);
                 applyRun(p.run, p.runEnd, slot);
                 if (slot.written) {
@@ -348,32 +394,32 @@ private:
     {
         const int stride = file.layout().stride;
         const qint64 count = file.count();
-        QByteArray old(count * stride, Qt::Uninitialized);
-        file.readRaw(0, count, old.data());
-        QByteArray out((count + qint64(places.size())) * stride, Qt::Uninitialized);
+        if (!isLoaded && !loadStored())
+            return false;
+        char* out = reinterpret_cast<char*>(buffers.rewritten.reserve((count + qint64(places.size())) * stride));
         qsizetype used = 0;
         qint64 copied = 0;
         for (const Placement& p : places) {
             const qsizetype before = (p.index - copied) * stride;
-            std::memcpy(out.data() + used, old.constData() + copied * stride, size_t(before));
+            std::memcpy(out + used, loadedRecord(copied), size_t(before));
             used += before;
             copied = p.index;
-            Slot slot(reinterpret_cast<uchar*>(out.data() + used), p.stored);
+            Slot slot(reinterpret_cast<uchar*>(out + used), p.stored);
             if (p.stored)
-                std::memcpy(slot.bytes, old.constData() + copied++ * stride, size_t(stride));
+                std::memcpy(slot.bytes, loadedRecord(copied++), size_t(stride));
             applyRun(p.run, p.runEnd, slot);
             used += stride;
         }
-        std::memcpy(out.data() + used, old.constData() + copied * stride, size_t((count - copied) * stride));
+        std::memcpy(out + used, loadedRecord(copied), size_t((count - copied) * stride));
         used += (count - copied) * stride;
-        out.truncate(used);
-        return finishVar() && detail::replaceFile(file.path(), out);
+        return finishVar() && detail::replaceFile(file.path(), out, used);
     }
 
     // Values reach the side file before the records that refer to them.
     bool finishVar() { return !file.layout().variable || var.flush(); }
 
     TSFileStorage& storage;
+    BatchBuffers& buffers;
     detail::RecordFile file;
     bool isNew;
     bool appendOnly;
@@ -383,6 +429,8 @@ private:
     bool varOverwritten = false;
     detail::VarFileWriter var;
     detail::RecordEncoder encoder;
+    uchar* loaded = nullptr;  // the stored records, once read whole
+    bool isLoaded = false;
 };
 
 bool TSFileStorage::writeDataRecords(std::vector<Interpolate::DataRecord> records,
@@ -408,6 +456,7 @@ try
 
     std::vector<long long> backfilled;
     std::vector<Record> overwritten;
+    BatchBuffers buffers;
     bool allPlaced = true;
     const Record* const end = records.data() + records.size();
     for (const Record* first = records.data(); first != end;) {
@@ -431,7 +480,7 @@ try
         });
 
         FileBatchWriter writer(*this, info, appendOnly, distinctTimes,
-                               collectOverwritten ? &overwritten : nullptr);
+                               collectOverwritten ? &overwritten : nullptr, buffers);
         if (!writer.write(first, last))
             return false;
         QFile file(info.filePath());
