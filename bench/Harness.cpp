@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <unistd.h>
 
 namespace bench {
 
@@ -33,6 +34,7 @@ Rates repeat(const RunPlan& plan, double items, const std::function<double(int)>
     std::vector<double> rates;
     int runs = plan.runs;
     for (int i = 0; i < runs; ++i) {
+        ::sync();
         const double seconds = run(i);
         rates.push_back(seconds > 0.0 ? items / seconds : 0.0);
         if (i == 0 && seconds > plan.slowSeconds)

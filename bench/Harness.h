@@ -45,7 +45,9 @@ struct RunPlan {
 };
 
 // Runs run(i) for i = 0, 1, ... as the plan says; each returns the seconds
-// it timed, during which `items` were handled.
+// it timed, during which `items` were handled. Dirty pages are flushed to
+// the device before each run, so that no run pays for the writeback of
+// files written before it.
 Rates repeat(const RunPlan& plan, double items, const std::function<double(int)>& run);
 
 // "182M", "27.1k", "950": three significant digits and a unit prefix.
