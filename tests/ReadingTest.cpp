@@ -111,6 +111,32 @@ TEST_F(Reading, VariableValuesComeBackFromTheirSideFiles)
     EXPECT_EQ(back[1].value.toString(), QStringLiteral("off"));
 }
 
+TEST_F(Reading, RawReadsGiveEachTypeTheValuesOfItsLookups)
+{
+    // The raw read builds its values straight in the output; a lookup
+    // decodes one record. Both must give the same type and value.
+    const QMetaType::Type types[] = {QMetaType::Bool, QMetaType::Char, QMetaType::UChar, QMetaType::Short,
+                                     QMetaType::UShort, QMetaType::Int, QMetaType::UInt, QMetaType::LongLong,
+                                     QMetaType::ULongLong, QMetaType::Double, QMetaType::Float, QMetaType::QString};
+    for (QMetaType::Type type : types) {
+        QTemporaryDir dir;
+        TSFileStorage typed(dir.path(), type, 1 << 30);
+        typed.writeDataRecords({{t0, QVariant(-2)}, {t0 + 1000, QVariant(200)}, {t0 + 2000, QVariant(1.5)}}, false,
+                               false);
+        Records back;
+        int noLimit = 0;
+        typed.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, back, false,
+                              noLimit);
+        ASSERT_EQ(back.size(), 3u) << type;
+        for (const Record& r : back) {
+            Record one;
+            ASSERT_TRUE(typed.findDataRecord(r.timestamp, one));
+            EXPECT_EQ(r.value.typeId(), one.value.typeId()) << type;
+            EXPECT_EQ(r.value, one.value) << type;
+        }
+    }
+}
+
 // Records around an empty hour, read condensed: the reader must feed the
 // record before the range and the one after it.
 class CondensedReading : public StorageFixture {
