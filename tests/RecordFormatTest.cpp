@@ -277,3 +277,30 @@ TEST_F(RecordFormat, PlainValueOfAFieldIsWhatItsVariantGives)
         }
     }
 }
+
+TEST_F(RecordFormat, SideFileValuesAreFoundInAnyOrderAndAfterTheFileGrew)
+{
+    TSFileStorage storage = storageOf(QMetaType::QString);
+    const QString var = path + QStringLiteral(".var");
+    const auto append = [&](const QStringList& values) {
+        Kel::detail::VarFileWriter writer(storage, var);
+        std::vector<qint32> positions;
+        for (const QString& v : values)
+            positions.push_back(writer.append(QVariant(v)));
+        writer.flush();
+        return positions;
+    };
+    const std::vector<qint32> first = append({QStringLiteral("a"), QStringLiteral("bb"), QStringLiteral("ccc")});
+
+    Kel::detail::VarFileReader reader(storage, var);
+    EXPECT_EQ(reader.valueAt(first[0]).toString(), QStringLiteral("a"));
+    EXPECT_EQ(reader.valueAt(first[2]).toString(), QStringLiteral("ccc"));
+    EXPECT_EQ(reader.valueAt(first[1]).toString(), QStringLiteral("bb"));
+
+    // A writer appends while the reader is open.
+    const std::vector<qint32> later = append({QStringLiteral("dddd")});
+    EXPECT_EQ(reader.valueAt(later[0]).toString(), QStringLiteral("dddd"));
+    EXPECT_EQ(reader.valueAt(first[0]).toString(), QStringLiteral("a"));
+    EXPECT_FALSE(reader.valueAt(later[0] + 1000).isValid());
+    EXPECT_FALSE(reader.valueAt(-1).isValid());
+}

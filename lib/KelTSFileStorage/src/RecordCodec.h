@@ -186,6 +186,7 @@ private:
     QString path;
     std::unique_ptr<QFile> file;
     std::unique_ptr<QDataStream> stream;
+    qint64 size = 0;  // as last asked; a writer may append meanwhile
     bool failed = false;
 };
 

@@ -178,8 +178,14 @@ QVariant VarFileReader::valueAt(qint32 position)
         }
         stream = std::make_unique<QDataStream>(file.get());
         stream->setVersion(QDataStream::Qt_5_13);
+        size = file->size();
     }
-    if (position < 0 || position >= file->size() || !file->seek(position))
+    // Values are mostly read in the order they were written: the file is
+    // asked for its size again only for a position beyond the last known
+    // size, and moved only when it is not already at the position.
+    if (position >= size)
+        size = file->size();
+    if (position < 0 || position >= size || (file->pos() != position && !file->seek(position)))
         return QVariant();
     stream->resetStatus();
     return readVariant(*stream);
