@@ -94,18 +94,4 @@ void removeTree(const std::string& path)
     fs::remove_all(path, ignored);
 }
 
-void copyTree(const std::string& from, const std::string& to)
-{
-    fs::copy(from, to, fs::copy_options::recursive);
-}
-
-long long treeBytes(const std::string& path)
-{
-    long long total = 0;
-    for (const auto& entry : fs::recursive_directory_iterator(path))
-        if (entry.is_regular_file())
-            total += (long long)entry.file_size();
-    return total;
-}
-
 } // namespace bench

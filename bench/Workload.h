@@ -61,8 +61,5 @@ private:
 };
 
 void removeTree(const std::string& path);
-void copyTree(const std::string& from, const std::string& to);
-// Bytes of the regular files below path.
-long long treeBytes(const std::string& path);
 
 } // namespace bench
