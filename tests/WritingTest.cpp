@@ -70,7 +70,7 @@ TEST_F(Writing, FewAndManyChangesToALargeFileLandAlike)
     for (long long i = 0; i < 20000; ++i)
         records.push_back({t0 + i * 1000, double(i)});
     write(records);
-    const auto change = [&](std::initializer_list<Record> batch) {
+    const auto change = [&](const Records& batch) {
         for (const Record& r : batch) {
             const auto at = std::lower_bound(records.begin(), records.end(), r,
                                              [](const Record& a, const Record& b) { return a.timestamp < b.timestamp; });
@@ -86,6 +86,13 @@ TEST_F(Writing, FewAndManyChangesToALargeFileLandAlike)
     change({{t0 + 1000, -3.0}, {t0 + 19999000, -4.0}});
     change({{t0 + 1500, -5.0}, {t0 + 2000, -6.0}, {t0 + 2500, -7.0}, {t0 + 9999500, -8.0},
             {t0 + 19999500, -9.0}, {t0 + 3000, -10.0}, {t0 + 4000, -11.0}});
+
+    // Inserts far apart: the new file is written in more pieces than one
+    // system call takes.
+    Records spread;
+    for (long long i = 0; i < 700; ++i)
+        spread.push_back({t0 + i * 20000 + 250, double(-i)});
+    change(spread);
 }
 
 TEST_F(Writing, OverwriteInsideTheFilePatchesOneRecord)

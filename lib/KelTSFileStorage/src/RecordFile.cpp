@@ -11,8 +11,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <climits>
 #include <cstring>
 #include <new>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace Kel::detail {
@@ -257,6 +259,12 @@ bool RecordFile::readRaw(qint64 from, qint64 n, char* out)
     return readBytes(from * recordLayout.stride, out, n * recordLayout.stride);
 }
 
+const uchar* RecordFile::mapRecords()
+{
+    const qint64 bytes = count() * recordLayout.stride;
+    return bytes > 0 ? file.map(0, bytes, QFileDevice::MapPrivateOption) : nullptr;
+}
+
 QVariant RecordFile::valueOf(const uchar* field)
 {
     if (!recordLayout.variable)
@@ -351,14 +359,51 @@ QString rewritePath(const QString& path)
 
 namespace {
 
-bool writeWhole(const QString& path, const char* data, qint64 size)
+// Gathers the pieces into the file with writev(2), so that each byte is
+// copied once, from wherever it lies, straight into the file.
+bool writePieces(int fd, const std::vector<Piece>& pieces)
+{
+    std::vector<iovec> chunk;
+    for (size_t first = 0; first < pieces.size(); first += IOV_MAX) {
+        chunk.clear();
+        for (size_t i = first; i < std::min(pieces.size(), first + IOV_MAX); ++i)
+            chunk.push_back({const_cast<void*>(pieces[i].data), size_t(pieces[i].size)});
+        iovec* next = chunk.data();
+        int left = int(chunk.size());
+        while (left > 0) {
+            ssize_t put = ::writev(fd, next, left);
+            if (put < 0 && errno == EINTR)
+                continue;
+            if (put <= 0)
+                return false;
+            // A short write: skip what was written and go on from there.
+            while (left > 0 && size_t(put) >= next->iov_len) {
+                put -= ssize_t(next->iov_len);
+                ++next;
+                --left;
+            }
+            if (left > 0) {
+                next->iov_base = static_cast<char*>(next->iov_base) + put;
+                next->iov_len -= size_t(put);
+            }
+        }
+    }
+    return true;
+}
+
+bool writeWhole(const QString& path, const std::vector<Piece>& pieces)
 {
     QFile out(path);
-    if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate))
+    if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered))
         return false;
-    const bool written = out.write(data, size) == size && out.flush();
+    const bool written = writePieces(out.handle(), pieces);
     out.close();
     return written;
+}
+
+bool writeWhole(const QString& path, const QByteArray& data)
+{
+    return writeWhole(path, {{data.constData(), data.size()}});
 }
 
 bool renameOver(const QString& from, const QString& to)
@@ -373,13 +418,18 @@ QString sideFileOf(const QString& path)
 
 } // namespace
 
-bool replaceFile(const QString& path, const char* data, qint64 size)
+bool replaceFile(const QString& path, const std::vector<Piece>& pieces)
 {
     const QString temp = rewritePath(path);
-    if (writeWhole(temp, data, size) && renameOver(temp, path))
+    if (writeWhole(temp, pieces) && renameOver(temp, path))
         return true;
     QFile::remove(temp);
     return false;
+}
+
+bool replaceFile(const QString& path, const char* data, qint64 size)
+{
+    return replaceFile(path, {{data, size}});
 }
 
 bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const QByteArray& varData)
@@ -388,8 +438,7 @@ bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const Q
     const QString tempVar = sideFileOf(temp);
     // The storage file is written first: while it exists beside the old one,
     // the replacement has not begun and recovery throws both away.
-    if (!writeWhole(temp, data.constData(), data.size()) || !writeWhole(tempVar, varData.constData(), varData.size()) ||
-        !renameOver(temp, path)) {
+    if (!writeWhole(temp, data) || !writeWhole(tempVar, varData) || !renameOver(temp, path)) {
         QFile::remove(temp);
         QFile::remove(tempVar);
         return false;

@@ -104,6 +104,10 @@ public:
     void visitBlocks(qint64 from, qint64 n, const std::function<bool(const uchar*, qint64)>& visit);
     // Copies the bytes of records [from, from + n) to out.
     bool readRaw(qint64 from, qint64 n, char* out);
+    // The file's whole records mapped into memory until close(): a private
+    // mapping, so that nothing written through it reaches the file; null
+    // when the file is empty or cannot be mapped.
+    const uchar* mapRecords();
     // The value of a record's value field.
     QVariant valueOf(const uchar* field);
 
@@ -140,8 +144,16 @@ private:
 // Where a rewritten file's new contents are written before they replace it.
 QString rewritePath(const QString& path);
 
-// Writes data to rewritePath(path) and renames it over path, so that the
-// file holds either its old or its new contents, whenever the process stops.
+// A piece of a file's new contents, written from where it lies.
+struct Piece {
+    const void* data;
+    qint64 size;
+};
+
+// Writes the pieces, one after the other, to rewritePath(path) and renames
+// it over path, so that the file holds either its old or its new contents,
+// whenever the process stops.
+bool replaceFile(const QString& path, const std::vector<Piece>& pieces);
 bool replaceFile(const QString& path, const char* data, qint64 size);
 
 // Replaces a storage file and its side file together: both new contents are

@@ -105,10 +105,10 @@ QString isoTime(long long ms)
 } // namespace
 
 // Memory that the files of one batch use in turn, so that its pages are
-// allocated and touched once: a file's stored records read whole, the new
-// contents of a rewritten file, and the block buffer. All are page aligned:
-// the kernel copies to and from a buffer that starts inside a page several
-// times slower.
+// allocated and touched once: a file's stored records read whole (where it
+// cannot be mapped), the records placed into a rewritten file, and the block
+// buffer. All are page aligned: the kernel copies to and from a buffer that
+// starts inside a page several times slower.
 struct BatchBuffers {
     detail::BlockBuffer stored;
     detail::BlockBuffer rewritten;
@@ -336,12 +336,19 @@ private:
         return lo;
     }
 
+    // The stored records in memory: the file mapped, or where it cannot be,
+    // read whole.
     bool loadStored()
     {
-        const qint64 bytes = file.count() * file.layout().stride;
-        loaded = buffers.stored.reserve(bytes);
-        isLoaded = file.readRaw(0, file.count(), reinterpret_cast<char*>(loaded));
-        return isLoaded;
+        loaded = file.mapRecords();
+        if (!loaded) {
+            uchar* copy = buffers.stored.reserve(file.count() * file.layout().stride);
+            if (!file.readRaw(0, file.count(), reinterpret_cast<char*>(copy)))
+                return false;
+            loaded = copy;
+        }
+        isLoaded = true;
+        return true;
     }
 
     const uchar* loadedRecord(qint64 index) const { return loaded + index * file.layout().stride; }
@@ -396,23 +403,29 @@ private:
         const qint64 count = file.count();
         if (!isLoaded && !loadStored())
             return false;
-        char* out = reinterpret_cast<char*>(buffers.rewritten.reserve((count + qint64(places.size())) * stride));
-        qsizetype used = 0;
+        // The new file is written from the stored records where they lie and
+        // the placed records, built in a buffer of their own, between them.
+        uchar* placed = buffers.rewritten.reserve(qint64(places.size()) * stride);
+        std::vector<detail::Piece> pieces;
+        const auto add = [&pieces](const uchar* data, qint64 size) {
+            if (!pieces.empty() && static_cast<const uchar*>(pieces.back().data) + pieces.back().size == data)
+                pieces.back().size += size;
+            else if (size > 0)
+                pieces.push_back({data, size});
+        };
         qint64 copied = 0;
         for (const Placement& p : places) {
-            const qsizetype before = (p.index - copied) * stride;
-            std::memcpy(out + used, loadedRecord(copied), size_t(before));
-            used += before;
+            add(loadedRecord(copied), (p.index - copied) * stride);
             copied = p.index;
-            Slot slot(reinterpret_cast<uchar*>(out + used), p.stored);
+            Slot slot(placed, p.stored);
             if (p.stored)
                 std::memcpy(slot.bytes, loadedRecord(copied++), size_t(stride));
             applyRun(p.run, p.runEnd, slot);
-            used += stride;
+            add(placed, stride);
+            placed += stride;
         }
-        std::memcpy(out + used, loadedRecord(copied), size_t((count - copied) * stride));
-        used += (count - copied) * stride;
-        return finishVar() && detail::replaceFile(file.path(), out, used);
+        add(loadedRecord(copied), (count - copied) * stride);
+        return finishVar() && detail::replaceFile(file.path(), pieces);
     }
 
     // Values reach the side file before the records that refer to them.
@@ -429,7 +442,7 @@ private:
     bool varOverwritten = false;
     detail::VarFileWriter var;
     detail::RecordEncoder encoder;
-    uchar* loaded = nullptr;  // the stored records, once read whole
+    const uchar* loaded = nullptr;  // the stored records, once in memory
     bool isLoaded = false;
 };
 
