@@ -56,7 +56,9 @@ Rates condensed(Context& c, TSFileStorage& series, const char* method, long long
         clock.start();
         const bool ok = read(series, param, c.work.t0, c.work.lastTs(), out);
         clock.stop();
-        check(ok && !out.empty(), std::string("read ") + method);
+        // A linear read closes an interval only with a record after it: a
+        // workload of less than two days may have no daily value.
+        check(ok && (c.work.days() < 2 || !out.empty()), std::string("read ") + method);
         return clock.seconds();
     });
 }
