@@ -80,9 +80,12 @@ private:
     void readFile(detail::RecordFile& file, qint64 from)
     {
         // A file whose period reaches past the range is read only up to the
-        // range's end (and, for the engine, the one record after it).
+        // range's end (and, for the engine, the one record after it). The
+        // "P" log is appended in write order, which a clock set back can
+        // leave unsorted: it is walked to the first record past the end.
         const qint64 count = file.count();
-        const qint64 end = file.info().getPeriodEndTsMs() - 1 > readEnd ? file.upperBound(readEnd) : count;
+        const bool pastEnd = !isP && file.info().getPeriodEndTsMs() - 1 > readEnd;
+        const qint64 end = pastEnd ? file.upperBound(readEnd) : count;
         // Raw records go straight from the file into the output.
         if (direct) {
             stopped = file.appendInRange(from, end - from, readStart, readEnd, out) || end < count;
