@@ -54,9 +54,13 @@ int Table::print(std::FILE* out) const
             continue;
         }
         const std::string span = shortNumber(r.rates.min) + " .. " + shortNumber(r.rates.max);
-        std::fprintf(out, "  %-44s %8s  %-17s  %-20s %-20s %s\n", r.name.c_str(),
-                     shortNumber(r.rates.median).c_str(), span.c_str(), ratioCell(r, r.limit).c_str(),
-                     ratioCell(r, r.peer).c_str(), r.note.c_str());
+        char line[512];
+        std::snprintf(line, sizeof line, "  %-44s %8s  %-17s  %-20s %-20s %s", r.name.c_str(),
+                      shortNumber(r.rates.median).c_str(), span.c_str(), ratioCell(r, r.limit).c_str(),
+                      ratioCell(r, r.peer).c_str(), r.note.c_str());
+        std::string text = line;
+        text.erase(text.find_last_not_of(' ') + 1);
+        std::fprintf(out, "%s\n", text.c_str());
     }
     int missed = 0;
     std::fprintf(out, "\nTargets (ratios of medians measured in this run)\n");
