@@ -1,3 +1,4 @@
+#include "EngineHarness.h"
 #include "StorageFixture.h"
 
 using namespace Kel::test;
@@ -44,6 +45,26 @@ TEST_F(Reading, RangeInsideFilesIsInclusiveAtBothEnds)
     EXPECT_EQ(read(ms("2024-05-08T00:00:00Z"), ms("2024-05-08T00:00:00Z")).size(), 1u);
 }
 
+TEST_F(Reading, EveryRangeReadsExactlyItsRecords)
+{
+    // Ends inside a file, at a file's last record and between records, over
+    // none, one and two file boundaries.
+    const long long minute = 60000;
+    const std::pair<long long, long long> ranges[] = {
+        {t0 + 600 * minute, t0 + 660 * minute},         {t0 + 600 * minute, t0 + 1439 * minute},
+        {t0 + 600 * minute + 1, t0 + 2000 * minute - 1}, {t0, t0 + 2879 * minute + 30000},
+        {t0 + 100 * minute, last},
+    };
+    for (const auto& [from, to] : ranges) {
+        const long long first = (from - t0 + minute - 1) / minute;
+        const long long end = (to - t0) / minute;
+        const Records got = read(from, to);
+        ASSERT_EQ(got.size(), size_t(end - first + 1)) << from << ".." << to;
+        EXPECT_EQ(got.front().timestamp, t0 + first * minute);
+        EXPECT_EQ(got.back().timestamp, t0 + end * minute);
+    }
+}
+
 TEST_F(Reading, LimitStopsTheReadAndReportsTheCount)
 {
     Records out;
@@ -88,6 +109,32 @@ TEST_F(Reading, VariableValuesComeBackFromTheirSideFiles)
     const Records back = read();
     ASSERT_EQ(back.size(), 2u);
     EXPECT_EQ(back[1].value.toString(), QStringLiteral("off"));
+}
+
+TEST_F(Reading, RawReadsGiveEachTypeTheValuesOfItsLookups)
+{
+    // The raw read builds its values straight in the output; a lookup
+    // decodes one record. Both must give the same type and value.
+    const QMetaType::Type types[] = {QMetaType::Bool, QMetaType::Char, QMetaType::UChar, QMetaType::Short,
+                                     QMetaType::UShort, QMetaType::Int, QMetaType::UInt, QMetaType::LongLong,
+                                     QMetaType::ULongLong, QMetaType::Double, QMetaType::Float, QMetaType::QString};
+    for (QMetaType::Type type : types) {
+        QTemporaryDir dir;
+        TSFileStorage typed(dir.path(), type, 1 << 30);
+        typed.writeDataRecords({{t0, QVariant(-2)}, {t0 + 1000, QVariant(200)}, {t0 + 2000, QVariant(1.5)}}, false,
+                               false);
+        Records back;
+        int noLimit = 0;
+        typed.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, back, false,
+                              noLimit);
+        ASSERT_EQ(back.size(), 3u) << type;
+        for (const Record& r : back) {
+            Record one;
+            ASSERT_TRUE(typed.findDataRecord(r.timestamp, one));
+            EXPECT_EQ(r.value.typeId(), one.value.typeId()) << type;
+            EXPECT_EQ(r.value, one.value) << type;
+        }
+    }
 }
 
 // Records around an empty hour, read condensed: the reader must feed the
@@ -138,4 +185,77 @@ TEST_F(CondensedReading, IntervalCountsAgreeWithTheRead)
                   qint64(hourly(param.method).size()))
             << method;
     }
+}
+
+// The means and the count take the records inside an interval from the
+// file's blocks as plain values; every result must be the one the engine
+// gives when it is handed each record whole.
+class PlainValueReading : public StorageFixture {
+protected:
+    void SetUp() override
+    {
+        // Three days of irregular records, zero and negative values among
+        // them, written a day at a time so that the tree splits into days.
+        useSeries(QMetaType::Double, 100000);
+        for (int day = 0; day < 3; ++day) {
+            Records batch;
+            for (long long t = t0 + day * 86400000LL; t < t0 + (day + 1) * 86400000LL; t += 7919)
+                batch.push_back({t, QVariant(double((t / 7919) % 11) - 3.0)});
+            write(batch);
+            all.insert(all.end(), batch.begin(), batch.end());
+        }
+    }
+
+    void expectSameAsRecordByRecord(const InterpolateParam& param, const std::vector<InterpolateParam>& chain,
+                                    long long start, long long end, bool label, int limit)
+    {
+        Read read;
+        read.param = param;
+        read.chain = chain;
+        read.start = start;
+        read.end = end;
+        read.labelAtIntervalStart = label;
+        read.resultCount = limit;
+        const Records expected = runRead(read, all);
+
+        Records got;
+        int count = limit;
+        ASSERT_TRUE(series->readDataRecords(param, chain, start, end, got, label, count));
+        const std::string what = param.method.toStdString() + " " + std::to_string(param.interval);
+        ASSERT_EQ(got.size(), expected.size()) << what;
+        for (size_t i = 0; i < got.size(); ++i) {
+            ASSERT_EQ(got[i].timestamp, expected[i].timestamp) << what << " result " << i;
+            ASSERT_EQ(got[i].value, expected[i].value) << what << " result " << i;
+        }
+        EXPECT_EQ(count, read.resultCount) << what;
+
+        // Counts take no label and no limit.
+        read.countOnly = true;
+        read.labelAtIntervalStart = false;
+        read.resultCount = 0;
+        const Records counted = runRead(read, all);
+        EXPECT_EQ(series->getCount(param, chain, start, end, true, false, false), counted.at(0).value.toLongLong())
+            << what;
+    }
+
+    const long long t0 = ms("2024-05-07T00:00:00Z");
+    Records all;
+};
+
+TEST_F(PlainValueReading, MeansAndCountsEqualTheRecordByRecordResults)
+{
+    const std::pair<long long, long long> ranges[] = {
+        {TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD},
+        {t0 + 12345, t0 + 2 * 86400000LL - 777},
+    };
+    for (const char* method : {"meanA", "meanG", "meanH", "meanS", "count", "meanAFillNull", "countFill"})
+        for (long long interval : {3600LL, 7LL, -1LL})
+            for (const auto& [start, end] : ranges)
+                for (bool label : {false, true})
+                    for (int limit : {0, 7})
+                        expectSameAsRecordByRecord(request(method, interval, true), {}, start, end, label, limit);
+
+    // In a chain only the first engine takes the records.
+    expectSameAsRecordByRecord(request("meanS", 3600), {request("meanA", 600)}, t0 + 999, t0 + 86400000LL, false, 0);
+    expectSameAsRecordByRecord(request("meanA", 3600), {request("diff", 600)}, t0 + 999, t0 + 86400000LL, false, 0);
 }

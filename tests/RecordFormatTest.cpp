@@ -1,4 +1,5 @@
 #include "RecordCodec.h"
+#include "RecordFile.h"
 #include "TSFileStorage.h"
 #include "TestSupport.h"
 
@@ -7,6 +8,10 @@
 #include <QFile>
 
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
 
 using Kel::TSFileInfo;
 using Kel::TSFileStorage;
@@ -216,4 +221,86 @@ TEST_F(RecordFormat, BulkEncodingMatchesTheStreamBytes)
             EXPECT_EQ(bulk.toHex(), streamed.toHex()) << "type " << type << " depth " << depth;
         }
     }
+}
+
+TEST_F(RecordFormat, BlockEncodingMatchesTheStreamBytesAtEveryDepth)
+{
+    // Values of the series' type and of others, which convert.
+    const std::vector<Record> records = {{1000, QVariant(-1234.75)}, {2500, QVariant(7)},
+                                         {2501, QVariant(QStringLiteral("2.5"))}, {90000, QVariant(true)},
+                                         {90001, QVariant(qlonglong(1) << 40)}, {90002, QVariant(1.5f)}};
+    for (QMetaType::Type type : {QMetaType::Double, QMetaType::Int, QMetaType::LongLong, QMetaType::Float}) {
+        for (int depth = 0; depth < 5; ++depth) {
+            QFile::remove(path);
+            TSFileStorage s = storageOf(type);
+            const QByteArray streamed = write(s, records, 1000, TSFileInfo::DirDepth(depth));
+            const Kel::detail::RecordLayout layout(type, depth);
+            QByteArray block(layout.stride * qsizetype(records.size()), '\0');
+            Kel::detail::encodeFixed(records.data(), qint64(records.size()), layout, 1000,
+                                     reinterpret_cast<uchar*>(block.data()));
+            EXPECT_EQ(block.toHex(), streamed.toHex()) << "type " << type << " depth " << depth;
+        }
+    }
+}
+
+TEST_F(RecordFormat, DoubleOfAVariantIsWhatToDoubleGives)
+{
+    const QVariant values[] = {QVariant(2.75), QVariant(-0.0), QVariant(7), QVariant(qlonglong(-3)),
+                               QVariant(QStringLiteral("2.5")), QVariant(QStringLiteral("x")), QVariant(true),
+                               QVariant(1.5f), QVariant(), QVariant(QMetaType::fromType<double>())};
+    for (const QVariant& v : values) {
+        const double expected = v.toDouble();
+        const double got = Kel::detail::doubleOf(v);
+        EXPECT_EQ(std::memcmp(&got, &expected, sizeof got), 0) << v.toString().toStdString();
+    }
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    EXPECT_TRUE(std::isnan(Kel::detail::doubleOf(QVariant(nan))));
+}
+
+TEST_F(RecordFormat, PlainValueOfAFieldIsWhatItsVariantGives)
+{
+    const QMetaType::Type types[] = {QMetaType::Bool, QMetaType::Char, QMetaType::UChar,
+                                     QMetaType::Short, QMetaType::UShort, QMetaType::Int,
+                                     QMetaType::UInt, QMetaType::LongLong, QMetaType::ULongLong,
+                                     QMetaType::Double, QMetaType::Float};
+    // Sign bits, NaN and infinity, a double beyond any float, small values.
+    const char* const fields[] = {"0000000000000000", "ffffffffffffffff", "8000000000000001",
+                                  "7ff8000000000000", "fff0000000000000", "47f0000000000000",
+                                  "3ff8000000000000", "0102030405060708", "7f7f7f7f7f7f7f7f"};
+    for (QMetaType::Type type : types) {
+        for (const char* hex : fields) {
+            const QByteArray field = QByteArray::fromHex(hex);
+            const auto* p = reinterpret_cast<const uchar*>(field.constData());
+            const double expected = Kel::detail::decodeValue(p, type).toDouble();
+            const double got = Kel::detail::decodeAsDouble(p, type);
+            EXPECT_EQ(std::memcmp(&got, &expected, sizeof got), 0) << "type " << type << " field " << hex;
+        }
+    }
+}
+
+TEST_F(RecordFormat, SideFileValuesAreFoundInAnyOrderAndAfterTheFileGrew)
+{
+    TSFileStorage storage = storageOf(QMetaType::QString);
+    const QString var = path + QStringLiteral(".var");
+    const auto append = [&](const QStringList& values) {
+        Kel::detail::VarFileWriter writer(storage, var);
+        std::vector<qint32> positions;
+        for (const QString& v : values)
+            positions.push_back(writer.append(QVariant(v)));
+        writer.flush();
+        return positions;
+    };
+    const std::vector<qint32> first = append({QStringLiteral("a"), QStringLiteral("bb"), QStringLiteral("ccc")});
+
+    Kel::detail::VarFileReader reader(storage, var);
+    EXPECT_EQ(reader.valueAt(first[0]).toString(), QStringLiteral("a"));
+    EXPECT_EQ(reader.valueAt(first[2]).toString(), QStringLiteral("ccc"));
+    EXPECT_EQ(reader.valueAt(first[1]).toString(), QStringLiteral("bb"));
+
+    // A writer appends while the reader is open.
+    const std::vector<qint32> later = append({QStringLiteral("dddd")});
+    EXPECT_EQ(reader.valueAt(later[0]).toString(), QStringLiteral("dddd"));
+    EXPECT_EQ(reader.valueAt(first[0]).toString(), QStringLiteral("a"));
+    EXPECT_FALSE(reader.valueAt(later[0] + 1000).isValid());
+    EXPECT_FALSE(reader.valueAt(-1).isValid());
 }

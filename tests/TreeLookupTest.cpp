@@ -1,7 +1,11 @@
 #include "TSDirControl.h"
 #include "TestSupport.h"
 
+#include <QFile>
+
 #include <gtest/gtest.h>
+
+#include <sys/stat.h>
 
 using Kel::TSDirControl;
 using Kel::TSFileInfo;
@@ -132,6 +136,24 @@ TEST_F(TreeLookup, NamesOfOtherLengthsAreIgnored)
     touch(at("2024"));
     EXPECT_EQ(rel(tree.findFirstFile()), QStringLiteral("2024"));
     EXPECT_EQ(rel(tree.findLastFile()), QStringLiteral("2024"));
+}
+
+TEST_F(TreeLookup, LevelsAreFilesDirectoriesAndWhatLinksPointToButNothingHidden)
+{
+    touch(at(".024"));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(at("2023")).constData(), 0600), 0);
+    ASSERT_TRUE(QFile::link(at("nowhere"), at("2022")));
+    EXPECT_TRUE(tree.findFirstFile().filePath().isEmpty());
+    EXPECT_TRUE(tree.findLastFile().filePath().isEmpty());
+
+    QTemporaryDir elsewhere;
+    touch(elsewhere.path() + QStringLiteral("/07"));
+    ASSERT_TRUE(QFile::link(elsewhere.path(), at("2024")));
+    ASSERT_TRUE(QFile::link(elsewhere.path() + QStringLiteral("/07"), at("2025")));
+    EXPECT_EQ(rel(tree.findFirstFile()), QStringLiteral("2024/07"));
+    EXPECT_EQ(rel(tree.findLastFile()), QStringLiteral("2025"));
+    EXPECT_EQ(rel(tree.findNextFile(tree.findFirstFile())), QStringLiteral("2025"));
+    EXPECT_EQ(rel(tree.findPrevFile(tree.findLastFile())), QStringLiteral("2024/07"));
 }
 
 TEST_F(TreeLookup, MissingBaseDirectoryFindsNothing)

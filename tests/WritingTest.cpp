@@ -1,6 +1,9 @@
 #include "StorageFixture.h"
 
+#include <QBuffer>
 #include <QDir>
+
+#include <algorithm>
 
 #include <random>
 
@@ -59,6 +62,39 @@ TEST_F(Writing, InsertsChangeOnlyTheBytesTheyMust)
     EXPECT_FALSE(QFileInfo::exists(year() + QStringLiteral(".new")));
 }
 
+TEST_F(Writing, FewAndManyChangesToALargeFileLandAlike)
+{
+    // A batch with few records for a file searches it on disk, one with many
+    // reads it whole first; both must place inserts and overwrites alike.
+    Records records;
+    for (long long i = 0; i < 20000; ++i)
+        records.push_back({t0 + i * 1000, double(i)});
+    write(records);
+    const auto change = [&](const Records& batch) {
+        for (const Record& r : batch) {
+            const auto at = std::lower_bound(records.begin(), records.end(), r,
+                                             [](const Record& a, const Record& b) { return a.timestamp < b.timestamp; });
+            if (at != records.end() && at->timestamp == r.timestamp)
+                at->value = r.value;
+            else
+                records.insert(at, r);
+        }
+        write(batch);
+        ASSERT_EQ(readBytes(year()), bytesOf(records));
+    };
+    change({{t0 + 500, -1.0}, {t0 + 7000, -2.0}});
+    change({{t0 + 1000, -3.0}, {t0 + 19999000, -4.0}});
+    change({{t0 + 1500, -5.0}, {t0 + 2000, -6.0}, {t0 + 2500, -7.0}, {t0 + 9999500, -8.0},
+            {t0 + 19999500, -9.0}, {t0 + 3000, -10.0}, {t0 + 4000, -11.0}});
+
+    // Inserts far apart: the new file is written in more pieces than one
+    // system call takes.
+    Records spread;
+    for (long long i = 0; i < 700; ++i)
+        spread.push_back({t0 + i * 20000 + 250, double(-i)});
+    change(spread);
+}
+
 TEST_F(Writing, OverwriteInsideTheFilePatchesOneRecord)
 {
     write({{t0, 1.0}, {t0 + 1000, 2.0}, {t0 + 2000, 3.0}});
@@ -114,6 +150,38 @@ TEST_F(Writing, TornAppendIsRepairedByTheNextWrite)
     write({{t0 + 1000, 2.0}});
     EXPECT_EQ(readBytes(year()), bytesOf({{t0, 1.0}, {t0 + 1000, 2.0}}));
     EXPECT_EQ(log.count(QStringLiteral("partial record")), 1);
+}
+
+// The bytes the single-record stream operations give these records in a
+// file of the given base and depth.
+QByteArray streamed(TSFileStorage& storage, const Records& records, long long base, Kel::TSFileInfo::DirDepth depth)
+{
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    QDataStream stream(&buffer);
+    stream.setVersion(QDataStream::Qt_5_13);
+    for (const Record& r : records)
+        storage.writeDataRecord(stream, r, base, depth);
+    return bytes;
+}
+
+TEST_F(Writing, AppendsAndSplitsLargerThanABlockKeepTheRecordBytes)
+{
+    // Two days and a bit, one record a second: more than a block of 1 MiB,
+    // with some values given as int to a Double series.
+    Records records;
+    for (long long i = 0; i < 200000; ++i)
+        records.push_back({t0 + i * 1000, i % 7 == 0 ? QVariant(int(i)) : QVariant(i * 0.25)});
+    write(records);
+    EXPECT_EQ(readBytes(year()), streamed(*series, records, ms("2024-01-01T00:00:00Z"), Kel::TSFileInfo::DEPTH_YEAR));
+
+    // Over a limit of 1 MiB the year file is split into a month file of
+    // 2.4 MB, written out a block at a time.
+    useSeries(QMetaType::Double, 1 << 20);
+    write(records);
+    EXPECT_EQ(readBytes(file(QStringLiteral("2024/05"))),
+              streamed(*series, records, ms("2024-05-01T00:00:00Z"), Kel::TSFileInfo::DEPTH_MONTH));
 }
 
 TEST_F(Writing, FloatSeriesKeepsEightValueBytesAcrossBatches)

@@ -214,7 +214,60 @@ void spreadOverIntervals(Interpolate& e, long long from, long long ts, double am
     e.sum += amount;
 }
 
+// What a record inside the current interval adds, for the methods that
+// take nothing else from it. A zero adds nothing to the sum of logarithms but
+// counts (it acts as a value of 1); in the harmonic mean it drops out of the
+// sum of reciprocals but counts as well.
+void addToArithmeticMean(Interpolate& e, double v)
+{
+    ++e.recordCount;
+    e.sum += v;
+}
+
+void addToGeometricMean(Interpolate& e, double v)
+{
+    ++e.recordCount;
+    if (v != 0.0)
+        e.sum += std::log(v);
+}
+
+void addToHarmonicMean(Interpolate& e, double v)
+{
+    ++e.recordCount;
+    if (v != 0.0)
+        e.sum += 1.0 / v;
+}
+
+void addToQuadraticMean(Interpolate& e, double v)
+{
+    ++e.recordCount;
+    e.sum += v * v;
+}
+
+void addToCount(Interpolate& e, double)
+{
+    ++e.recordCount;
+}
+
 } // namespace
+
+namespace detail {
+
+ValueAdder valueAdderOf(const Interpolate& e)
+{
+    if (e.diffHandler)
+        return nullptr;
+    switch (e.method) {
+    case Interpolate::MEAN_A: return addToArithmeticMean;
+    case Interpolate::MEAN_G: return addToGeometricMean;
+    case Interpolate::MEAN_H: return addToHarmonicMean;
+    case Interpolate::MEAN_S: return addToQuadraticMean;
+    case Interpolate::COUNT: return addToCount;
+    default: return nullptr;
+    }
+}
+
+} // namespace detail
 
 void Interpolate::handle_raw(DataRecord record, long long ts)
 {
@@ -362,47 +415,28 @@ void Interpolate::handle_SUM(DataRecord record, long long ts)
 void Interpolate::handle_MEAN_A(DataRecord record, long long ts)
 {
     collectPerInterval(
-        *this, record, ts,
-        [this](const DataRecord& r) {
-            ++recordCount;
-            sum += r.value.toDouble();
-        },
+        *this, record, ts, [this](const DataRecord& r) { addToArithmeticMean(*this, r.value.toDouble()); },
         [this](double& value) {
             value = sum / static_cast<double>(recordCount);
             return true;
         });
 }
 
-// A zero adds nothing to the sum of logarithms but counts in the denominator:
-// it acts as a value of 1.
 void Interpolate::handle_MEAN_G(DataRecord record, long long ts)
 {
     collectPerInterval(
-        *this, record, ts,
-        [this](const DataRecord& r) {
-            ++recordCount;
-            const double v = r.value.toDouble();
-            if (v != 0.0)
-                sum += std::log(v);
-        },
+        *this, record, ts, [this](const DataRecord& r) { addToGeometricMean(*this, r.value.toDouble()); },
         [this](double& value) {
             value = std::exp(sum / static_cast<double>(recordCount));
             return true;
         });
 }
 
-// A zero drops out of the sum of reciprocals but counts in the numerator; an
-// interval whose sum is exactly 0 counts as empty.
+// An interval whose sum of reciprocals is exactly 0 counts as empty.
 void Interpolate::handle_MEAN_H(DataRecord record, long long ts)
 {
     collectPerInterval(
-        *this, record, ts,
-        [this](const DataRecord& r) {
-            ++recordCount;
-            const double v = r.value.toDouble();
-            if (v != 0.0)
-                sum += 1.0 / v;
-        },
+        *this, record, ts, [this](const DataRecord& r) { addToHarmonicMean(*this, r.value.toDouble()); },
         [this](double& value) {
             if (sum == 0.0)
                 return false;
@@ -414,12 +448,7 @@ void Interpolate::handle_MEAN_H(DataRecord record, long long ts)
 void Interpolate::handle_MEAN_S(DataRecord record, long long ts)
 {
     collectPerInterval(
-        *this, record, ts,
-        [this](const DataRecord& r) {
-            ++recordCount;
-            const double v = r.value.toDouble();
-            sum += v * v;
-        },
+        *this, record, ts, [this](const DataRecord& r) { addToQuadraticMean(*this, r.value.toDouble()); },
         [this](double& value) {
             value = std::sqrt(sum / static_cast<double>(recordCount));
             return true;
@@ -490,7 +519,7 @@ void Interpolate::handle_MODE(DataRecord record, long long ts)
 void Interpolate::handle_COUNT(DataRecord record, long long ts)
 {
     collectPerInterval(
-        *this, record, ts, [this](const DataRecord&) { ++recordCount; },
+        *this, record, ts, [this](const DataRecord&) { addToCount(*this, 0.0); },
         [this](double& value) {
             value = static_cast<double>(recordCount);
             return true;

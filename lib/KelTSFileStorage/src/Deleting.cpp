@@ -63,7 +63,7 @@ bool keepOutside(detail::RecordFile& file, long long start, long long end)
         QByteArray kept((count - (last - first)) * layout.stride, Qt::Uninitialized);
         file.readRaw(0, first, kept.data());
         file.readRaw(last, count - last, kept.data() + first * layout.stride);
-        if (!detail::replaceFile(file.path(), kept))
+        if (!detail::replaceFile(file.path(), kept.constData(), kept.size()))
             detail::storageLog(detail::LOG_FAILURE,
                                QStringLiteral("Could not open '%1' for write (deleteDataRecords)"), __LINE__)
                 .arg(file.path())

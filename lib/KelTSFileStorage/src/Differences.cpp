@@ -19,14 +19,16 @@ constexpr std::size_t kHistoryKeptBeforeRecord = 9;
 
 // Keeps the last 9 entries. Shifting them to the front instead of popping
 // the oldest keeps the deque in the blocks it already has, so remembering
-// the next value allocates nothing.
+// the next value allocates nothing. The oldest entry is swapped to the back
+// and dropped there: a swap stays inline, where a move assignment destroys
+// a QVariant through a call into Qt, and only one entry is destroyed.
 void trimHistory(std::deque<QVariant>& history)
 {
-    if (history.size() <= kHistoryKeptBeforeRecord)
-        return;
-    const auto excess = static_cast<std::ptrdiff_t>(history.size() - kHistoryKeptBeforeRecord);
-    std::move(history.begin() + excess, history.end(), history.begin());
-    history.resize(kHistoryKeptBeforeRecord);
+    while (history.size() > kHistoryKeptBeforeRecord) {
+        for (auto it = history.begin(), next = it + 1; next != history.end(); ++it, ++next)
+            it->swap(*next);
+        history.pop_back();
+    }
 }
 
 void consume(Interpolate::DataRecord& record)
@@ -54,7 +56,7 @@ void Interpolate::handle_DIFF(DataRecord& record, long long timestamp)
     if (!diffHistory.empty() && !diffHistory.back().isNull()) {
         const double difference = record.value.toDouble() - diffHistory.back().toDouble();
         diffHistory.push_back(record.value);
-        record.value = QVariant(difference);
+        record.value.setValue(difference);
         return;
     }
     // The first record only sets the base.
@@ -85,7 +87,7 @@ void Interpolate::handle_DIFF_CTRUPCLEANED(DataRecord& record, long long timesta
     const double delta = current - last;
     if (delta >= 0.0) {
         diffHistory.push_back(record.value);
-        record.value = QVariant(delta);
+        record.value.setValue(delta);
         return;
     }
 

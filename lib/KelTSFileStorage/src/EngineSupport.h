@@ -1,6 +1,7 @@
 // Pieces that several parts of the interpolation engine share: the messages
-// with which a handler ends a read or an interval's delivery, and the count
-// record of count-only reads.
+// with which a handler ends a read or an interval's delivery, the count
+// record of count-only reads, and the plain values that a reader may add to
+// an interval.
 #pragma once
 
 #include "Interpolate.h"
@@ -24,6 +25,16 @@ inline bool isLimitReached(const std::exception& e)
 {
     return std::strncmp(e.what(), kLimitReached, std::strlen(kLimitReached)) == 0;
 }
+
+// For some methods a record inside the current interval only adds to the
+// interval's sum and count: a reader may hand such a record to the engine as
+// its plain value instead of through handleNextRawRecord. The adder of the
+// engine's method, or null when the engine needs every record whole (its
+// method keeps records or values, or a difference method comes first). The
+// caller checks that the engine takes records (acceptsRecords) and that the
+// record lies in the read range and before intervalNext.
+using ValueAdder = void (*)(Interpolate& e, double value);
+ValueAdder valueAdderOf(const Interpolate& e);
 
 // In count-only mode the first output record counts the results. at() keeps
 // the range check: counting into an empty vector is an error the entry

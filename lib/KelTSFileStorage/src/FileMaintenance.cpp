@@ -21,6 +21,7 @@ namespace Kel {
 namespace {
 
 constexpr qint64 kBlockRecords = 65536;
+constexpr qsizetype kPendingBytes = 1 << 20;
 
 bool splitIsDue(const QString& path, long long limit)
 {
@@ -77,15 +78,19 @@ public:
     {
         if ((!file || ts < targetBase || ts >= targetEnd) && !switchTo(ts))
             return false;
-        const qsizetype at = pending.size();
-        pending.resize(at + layout.stride);
-        auto* p = reinterpret_cast<uchar*>(pending.data() + at);
+        if (used + layout.stride > pending.size())
+            pending.resize(std::max<qsizetype>(2 * pending.size(), kPendingBytes));
+        auto* p = reinterpret_cast<uchar*>(pending.data() + used);
+        used += layout.stride;
         detail::encodeOffset(p, quint64(ts - targetBase), layout.offsetWidth);
-        if (layout.variable)
+        if (layout.variable) {
             detail::encodeVarPosition(p + layout.offsetWidth, var->append(source.valueOf(field)));
-        else
-            std::memcpy(p + layout.offsetWidth, field, size_t(layout.stride - layout.offsetWidth));
-        return true;
+            return true;
+        }
+        std::memcpy(p + layout.offsetWidth, field, size_t(layout.stride - layout.offsetWidth));
+        // Fixed-length records need no side file to go first: they go out a
+        // block at a time, so that a split takes no more memory than that.
+        return used < kPendingBytes || writePending();
     }
 
     bool finish() { return flush(); }
@@ -118,15 +123,21 @@ private:
         return true;
     }
 
+    bool writePending()
+    {
+        const bool ok = file->write(pending.constData(), used) == used;
+        used = 0;
+        return ok;
+    }
+
     bool flush()
     {
         if (!file)
             return true;
         bool ok = !var || var->flush();
-        ok = file->write(pending) == pending.size() && ok;
+        ok = writePending() && ok;
         file->close();
         file.reset();
-        pending.clear();
         return ok;
     }
 
@@ -142,7 +153,8 @@ private:
     long long targetEnd = 0;
     std::unique_ptr<QFile> file;
     std::unique_ptr<detail::VarFileWriter> var;
-    QByteArray pending;
+    QByteArray pending;     // records for the current target, the first `used` bytes
+    qsizetype used = 0;
 };
 
 bool TSFileStorage::checkMaxFileSize(QFile* file, TSFileInfo info)

@@ -1,11 +1,13 @@
 // Reading and counting ranges. Files are walked strictly in time order from
-// the file that holds the start of the range; records are decoded in blocks
-// and handed to the interpolation engine (or, for plain raw reads, appended
-// to the caller's vector directly). Memory of a read is its output plus one
-// block, never the series.
+// the file that holds the start of the range; records are decoded from
+// blocks of whole records and handed to the interpolation engine (or, for
+// plain raw reads, appended to the caller's vector directly; for the means
+// and the count, added to the current interval as plain values). Memory of a
+// read is its output plus one block, never the series.
 
 #include "TSFileStorage.h"
 
+#include "EngineSupport.h"
 #include "Logging.h"
 #include "MarkerStorage.h"
 #include "RecordFile.h"
@@ -19,14 +21,29 @@ using Record = Interpolate::DataRecord;
 
 namespace {
 
-constexpr qint64 kBlockRecords = 8192;
-
 bool openForRead(detail::RecordFile& file, const QString& failure, int line)
 {
     if (file.open(QIODevice::ReadOnly))
         return true;
     detail::storageLog(detail::LOG_FAILURE, failure, line).arg(file.path()).endl();
     return false;
+}
+
+// Adds the values of the records from p on to the engine's current interval
+// while they lie in [lo, hi] and before the interval's end; returns how many
+// it added. Out of line, so that the loop keeps its state in registers.
+__attribute__((noinline)) qint64 addToInterval(const uchar* p, qint64 n, const detail::RecordLayout& l,
+                                               long long base, long long lo, long long hi, Interpolate& e,
+                                               detail::ValueAdder add)
+{
+    const long long next = e.intervalNext;  // the adders leave it alone
+    for (qint64 i = 0; i < n; ++i, p += l.stride) {
+        const long long ts = base + (long long)detail::decodeOffset(p, l.offsetWidth);
+        if (ts < lo || ts > hi || ts >= next)
+            return i;
+        add(e, detail::decodeAsDouble(p + l.offsetWidth, l.type));
+    }
+    return n;
 }
 
 // One walk over the files of a read range, feeding what it reads to the
@@ -37,7 +54,8 @@ public:
     RangeWalk(TSFileStorage& series, TSFileStorage& storage, Interpolate& engine,
               std::vector<Record>& out, bool isP, long long readStart, long long readEnd)
         : series(series), storage(storage), engine(engine), out(out), isP(isP),
-          direct(!isP && engine.passesRawRecordsThrough()), readStart(readStart), readEnd(readEnd)
+          direct(!isP && engine.passesRawRecordsThrough()),
+          adder(isP ? nullptr : detail::valueAdderOf(engine)), readStart(readStart), readEnd(readEnd)
     {
         if (isP)
             for (const Record& r : out)
@@ -50,7 +68,7 @@ public:
         if (!info.found())
             info = storage.findNextFile(info);
         for (; info.found() && !stopped; info = storage.findNextFile(info)) {
-            detail::RecordFile file(storage, info);
+            detail::RecordFile file(storage, info, &blocks);
             if (!openForRead(file, QStringLiteral("Could not open '%1' for read (readDataRecords)"), 1011))
                 continue;
             const qint64 from = file.base() >= readStart ? 0 : file.lowerBound(readStart);
@@ -61,21 +79,34 @@ public:
 private:
     void readFile(detail::RecordFile& file, qint64 from)
     {
+        // A file whose period reaches past the range is read only up to the
+        // range's end (and, for the engine, the one record after it). The
+        // "P" log is appended in write order, which a clock set back can
+        // leave unsorted: it is walked to the first record past the end.
+        const qint64 count = file.count();
+        const bool pastEnd = !isP && file.info().getPeriodEndTsMs() - 1 > readEnd;
+        const qint64 end = pastEnd ? file.upperBound(readEnd) : count;
         // Raw records go straight from the file into the output.
         if (direct) {
-            stopped = file.appendInRange(from, file.count() - from, readStart, readEnd, out);
+            stopped = file.appendInRange(from, end - from, readStart, readEnd, out) || end < count;
             return;
         }
-        for (qint64 at = from; at < file.count() && !stopped; at += kBlockRecords)
-            feedBlock(file, at, std::min(kBlockRecords, file.count() - at));
-    }
-
-    void feedBlock(detail::RecordFile& file, qint64 at, qint64 n)
-    {
-        block.resize(size_t(n));
-        const qint64 got = file.readRecords(at, n, block.data());
-        for (qint64 i = 0; i < got && !stopped; ++i)
-            take(std::move(block[size_t(i)]));
+        const qint64 to = std::min(count, end + 1);
+        const detail::RecordLayout& l = file.layout();
+        const bool plainValues = adder && !l.variable;
+        file.visitBlocks(from, to - from, [&](const uchar* p, qint64 n) {
+            for (qint64 i = 0; i < n && !stopped; ++i) {
+                if (plainValues && engine.acceptsRecords) {
+                    i += addToInterval(p + i * l.stride, n - i, l, file.base(), readStart, readEnd, engine, adder);
+                    if (i == n)
+                        break;
+                }
+                const uchar* r = p + i * l.stride;
+                take(Record{file.base() + (long long)detail::decodeOffset(r, l.offsetWidth),
+                            file.valueOf(r + l.offsetWidth)});
+            }
+            return !stopped;
+        });
     }
 
     void take(Record rec)
@@ -112,10 +143,11 @@ private:
     std::vector<Record>& out;
     const bool isP;
     const bool direct;
+    const detail::ValueAdder adder;  // records inside the current interval go as plain values
     const long long readStart;
     const long long readEnd;
     bool stopped = false;
-    std::vector<Record> block;
+    detail::BlockBuffer blocks;  // lent to every file of the walk
     std::unordered_set<long long> joined;
 };
 

@@ -14,8 +14,13 @@
 #include <QMetaType>
 #include <QString>
 #include <QVariant>
+#include <QtEndian>
 
+#include <cfloat>
+#include <cmath>
+#include <cstring>
 #include <memory>
+#include <type_traits>
 
 namespace Kel {
 class TSFileStorage;
@@ -45,8 +50,113 @@ struct RecordLayout {
     int stride;
 };
 
-void encodeOffset(uchar* p, unsigned long long offset, int width);
-unsigned long long decodeOffset(const uchar* p, int width);
+// Offsets and doubles are coded inline: the bulk loops code one per record,
+// and a loop whose width is a constant folds the width's switch away.
+inline void encodeOffset(uchar* p, unsigned long long offset, int width)
+{
+    switch (width) {
+    case 5:
+        p[0] = uchar(offset >> 32);
+        qToBigEndian(quint32(offset), p + 1);
+        break;
+    case 4:
+        qToBigEndian(quint32(offset), p);
+        break;
+    case 3:
+        p[0] = uchar(offset >> 16);
+        qToBigEndian(quint16(offset), p + 1);
+        break;
+    case 2:
+        qToBigEndian(quint16(offset), p);
+        break;
+    default:
+        break;
+    }
+}
+
+inline unsigned long long decodeOffset(const uchar* p, int width)
+{
+    switch (width) {
+    case 5:
+        return (quint64(p[0]) << 32) | qFromBigEndian<quint32>(p + 1);
+    case 4:
+        return qFromBigEndian<quint32>(p);
+    case 3:
+        return (quint64(p[0]) << 16) | qFromBigEndian<quint16>(p + 1);
+    case 2:
+        return qFromBigEndian<quint16>(p);
+    default:
+        return 0;
+    }
+}
+
+// Calls f with the offset width as a std::integral_constant, for loops over
+// the records of one file.
+template <typename F>
+inline void withOffsetWidth(int width, F f)
+{
+    switch (width) {
+    case 5: f(std::integral_constant<int, 5>()); break;
+    case 4: f(std::integral_constant<int, 4>()); break;
+    case 3: f(std::integral_constant<int, 3>()); break;
+    case 2: f(std::integral_constant<int, 2>()); break;
+    default: f(std::integral_constant<int, 0>()); break;
+    }
+}
+
+inline void encodeDouble(uchar* p, double d)
+{
+    quint64 bits;
+    std::memcpy(&bits, &d, 8);
+    qToBigEndian(bits, p);
+}
+
+inline double decodeDouble(const uchar* p)
+{
+    const quint64 bits = qFromBigEndian<quint64>(p);
+    double d;
+    std::memcpy(&d, &bits, 8);
+    return d;
+}
+
+// A stored double as a Float series gives it back: out-of-range values
+// become infinities instead of undefined conversions.
+inline float narrowToFloat(double d)
+{
+    if (std::isfinite(d) && std::fabs(d) > double(FLT_MAX))
+        return d > 0 ? INFINITY : -INFINITY;
+    return float(d);
+}
+
+// A fixed-length value field as decodeValue(p, type).toDouble() gives it,
+// without building the QVariant.
+inline double decodeAsDouble(const uchar* p, QMetaType::Type type)
+{
+    switch (type) {
+    case QMetaType::Double: return decodeDouble(p);
+    case QMetaType::Float: return double(narrowToFloat(decodeDouble(p)));
+    case QMetaType::Bool: return p[0] != 0 ? 1.0 : 0.0;
+    case QMetaType::Char: return double(qint8(p[0]));
+    case QMetaType::UChar: return double(p[0]);
+    case QMetaType::Short: return double(qint16(qFromBigEndian<quint16>(p)));
+    case QMetaType::UShort: return double(qFromBigEndian<quint16>(p));
+    case QMetaType::Int: return double(qint32(qFromBigEndian<quint32>(p)));
+    case QMetaType::UInt: return double(qFromBigEndian<quint32>(p));
+    case QMetaType::LongLong: return double(qint64(qFromBigEndian<quint64>(p)));
+    case QMetaType::ULongLong: return double(qFromBigEndian<quint64>(p));
+    default: return 0.0;
+    }
+}
+
+// The double a QVariant holds, read in place when it holds one: toDouble()
+// takes two calls into Qt for it. Any other content converts as toDouble()
+// says.
+inline double doubleOf(const QVariant& value)
+{
+    if (value.data_ptr().type() == QMetaType::fromType<double>())
+        return *static_cast<const double*>(value.constData());
+    return value.toDouble();
+}
 
 // Fixed-length value fields; not for variable types.
 void encodeValue(uchar* p, const QVariant& value, QMetaType::Type type);
@@ -76,6 +186,7 @@ private:
     QString path;
     std::unique_ptr<QFile> file;
     std::unique_ptr<QDataStream> stream;
+    qint64 size = 0;  // as last asked; a writer may append meanwhile
     bool failed = false;
 };
 

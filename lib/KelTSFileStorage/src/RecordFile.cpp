@@ -11,7 +11,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <climits>
 #include <cstring>
+#include <new>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace Kel::detail {
@@ -32,7 +35,10 @@ __attribute__((noinline)) void decodeFixed(const uchar* p, qint64 n, const Recor
 }
 
 // Appends the records of a block whose timestamps lie in [lo, hi]; true when
-// one above hi was met (and the rest of the block left alone).
+// one above hi was met (and the rest of the block left alone). The record the
+// vector makes holds an empty QVariant, which has nothing to release: the
+// value is built in its place. Moved in from a temporary, it cost one more
+// call into Qt a record, to destroy the temporary, and a third of the read.
 __attribute__((noinline)) bool appendFixed(const uchar* p, qint64 n, const RecordLayout& l,
                                            long long base, long long lo, long long hi,
                                            std::vector<Interpolate::DataRecord>& out)
@@ -41,19 +47,22 @@ __attribute__((noinline)) bool appendFixed(const uchar* p, qint64 n, const Recor
         const long long ts = base + (long long)decodeOffset(p, l.offsetWidth);
         if (ts > hi)
             return true;
-        if (ts >= lo)
-            out.push_back({ts, decodeValue(p + l.offsetWidth, l.type)});
+        if (ts < lo)
+            continue;
+        Interpolate::DataRecord& rec = out.emplace_back();
+        rec.timestamp = ts;
+        new (&rec.value) QVariant(decodeValue(p + l.offsetWidth, l.type));
     }
     return false;
 }
 
-template <typename EncodeValue>
-void encodeLoop(const Interpolate::DataRecord* r, qint64 n, const RecordLayout& l, long long base,
-                uchar* p, EncodeValue encodeValue)
+template <int Width, typename EncodeValue>
+void encodeLoop(const Interpolate::DataRecord* r, qint64 n, int stride, long long base, uchar* p,
+                EncodeValue encodeValue)
 {
-    for (qint64 i = 0; i < n; ++i, p += l.stride) {
-        encodeOffset(p, quint64(r[i].timestamp - base), l.offsetWidth);
-        encodeValue(p + l.offsetWidth, r[i].value);
+    for (qint64 i = 0; i < n; ++i, p += stride) {
+        encodeOffset(p, quint64(r[i].timestamp - base), Width);
+        encodeValue(p + Width, r[i].value);
     }
 }
 
@@ -62,19 +71,16 @@ void encodeLoop(const Interpolate::DataRecord* r, qint64 n, const RecordLayout& 
 void encodeFixed(const Interpolate::DataRecord* records, qint64 n, const RecordLayout& layout,
                  long long base, uchar* out)
 {
-    if (layout.type == QMetaType::Double) {
-        encodeLoop(records, n, layout, base, out, [](uchar* f, const QVariant& v) {
-            const double d = v.userType() == QMetaType::Double ? *static_cast<const double*>(v.constData())
-                                                              : v.toDouble();
-            quint64 bits;
-            std::memcpy(&bits, &d, 8);
-            qToBigEndian(bits, f);
-        });
-        return;
-    }
     const QMetaType::Type type = layout.type;
-    encodeLoop(records, n, layout, base, out,
-               [type](uchar* f, const QVariant& v) { encodeValue(f, v, type); });
+    withOffsetWidth(layout.offsetWidth, [&](auto width) {
+        constexpr int w = decltype(width)::value;
+        if (type == QMetaType::Double)
+            encodeLoop<w>(records, n, layout.stride, base, out,
+                          [](uchar* f, const QVariant& v) { encodeDouble(f, doubleOf(v)); });
+        else
+            encodeLoop<w>(records, n, layout.stride, base, out,
+                          [type](uchar* f, const QVariant& v) { encodeValue(f, v, type); });
+    });
 }
 
 void RecordEncoder::encode(uchar* p, const Interpolate::DataRecord& rec) const
@@ -94,17 +100,27 @@ void RecordEncoder::append(QByteArray& out, const Interpolate::DataRecord& rec) 
     encode(reinterpret_cast<uchar*>(out.data() + at), rec);
 }
 
-void RecordFile::FreeDeleter::operator()(void* p) const
+void BlockBuffer::FreeDeleter::operator()(void* p) const
 {
     std::free(p);
 }
 
-RecordFile::RecordFile(TSFileStorage& storage, TSFileInfo info)
+uchar* BlockBuffer::reserve(qint64 bytes)
+{
+    if (bytes > size) {
+        size = (bytes + 4095) / 4096 * 4096;
+        data.reset(static_cast<uchar*>(std::aligned_alloc(4096, size_t(size))));
+    }
+    return data.get();
+}
+
+RecordFile::RecordFile(TSFileStorage& storage, TSFileInfo info, BlockBuffer* blocks)
     : storage(storage),
       fileInfo(std::move(info)),
       recordLayout(storage.valueType, fileInfo.getDirDepth()),
       baseTs(fileInfo.getBaseTsMs()),
-      file(fileInfo.filePath())
+      file(fileInfo.filePath()),
+      blocks(blocks ? blocks : &ownBlocks)
 {
 }
 
@@ -178,10 +194,17 @@ long long RecordFile::timestampAt(qint64 index)
     return baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth);
 }
 
+// One record through a buffer of its own size: the block buffer of bulk
+// reads is not worth taking for it.
 Interpolate::DataRecord RecordFile::recordAt(qint64 index)
 {
     Interpolate::DataRecord rec;
-    readRecords(index, 1, &rec);
+    uchar p[16] = {};
+    if (index < 0 || index >= count() ||
+        !readBytes(index * recordLayout.stride, reinterpret_cast<char*>(p), recordLayout.stride))
+        return rec;
+    rec.timestamp = baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth);
+    rec.value = valueOf(p + recordLayout.offsetWidth);
     return rec;
 }
 
@@ -236,6 +259,12 @@ bool RecordFile::readRaw(qint64 from, qint64 n, char* out)
     return readBytes(from * recordLayout.stride, out, n * recordLayout.stride);
 }
 
+const uchar* RecordFile::mapRecords()
+{
+    const qint64 bytes = count() * recordLayout.stride;
+    return bytes > 0 ? file.map(0, bytes, QFileDevice::MapPrivateOption) : nullptr;
+}
+
 QVariant RecordFile::valueOf(const uchar* field)
 {
     if (!recordLayout.variable)
@@ -245,21 +274,40 @@ QVariant RecordFile::valueOf(const uchar* field)
     return var->valueAt(decodeVarPosition(field));
 }
 
+uchar* RecordFile::blockBuffer(qint64 records)
+{
+    const qint64 stride = recordLayout.stride;
+    const qint64 wanted = std::max<qint64>(1, std::min(kBufferBytes / stride, records));
+    uchar* p = blocks->reserve(wanted * stride);
+    bufferRecords = std::min(kBufferBytes, blocks->capacity()) / stride;
+    return p;
+}
+
+bool RecordFile::appendRecords(const Interpolate::DataRecord* records, qint64 n)
+{
+    uchar* block = blockBuffer(n);
+    for (qint64 done = 0; done < n;) {
+        const qint64 size = std::min(bufferRecords, n - done);
+        encodeFixed(records + done, size, recordLayout, baseTs, block);
+        if (!writeAt(fileSize, reinterpret_cast<const char*>(block), size * recordLayout.stride))
+            return false;
+        done += size;
+    }
+    return true;
+}
+
 template <typename Chunk>
 qint64 RecordFile::forEachChunk(qint64 from, qint64 n, Chunk chunk)
 {
     const qint64 stride = recordLayout.stride;
     n = std::max<qint64>(0, std::min(n, count() - from));
-    if (!buffer) {
-        bufferRecords = kBufferBytes / stride;
-        buffer.reset(static_cast<uchar*>(std::aligned_alloc(4096, size_t(kBufferBytes))));
-    }
+    uchar* block = n > 0 ? blockBuffer(n) : nullptr;
     qint64 done = 0;
     while (done < n) {
         const qint64 size = std::min(bufferRecords, n - done);
-        if (!readBytes((from + done) * stride, reinterpret_cast<char*>(buffer.get()), size * stride))
+        if (!readBytes((from + done) * stride, reinterpret_cast<char*>(block), size * stride))
             break;
-        if (!chunk(buffer.get(), done, size))
+        if (!chunk(block, done, size))
             return -1;
         done += size;
     }
@@ -279,6 +327,11 @@ qint64 RecordFile::readRecords(qint64 from, qint64 n, Interpolate::DataRecord* o
         }
         return true;
     });
+}
+
+void RecordFile::visitBlocks(qint64 from, qint64 n, const std::function<bool(const uchar*, qint64)>& visit)
+{
+    forEachChunk(from, n, [&](const uchar* p, qint64, qint64 size) { return visit(p, size); });
 }
 
 bool RecordFile::appendInRange(qint64 from, qint64 n, long long lo, long long hi,
@@ -306,14 +359,51 @@ QString rewritePath(const QString& path)
 
 namespace {
 
-bool writeWhole(const QString& path, const QByteArray& data)
+// Gathers the pieces into the file with writev(2), so that each byte is
+// copied once, from wherever it lies, straight into the file.
+bool writePieces(int fd, const std::vector<Piece>& pieces)
+{
+    std::vector<iovec> chunk;
+    for (size_t first = 0; first < pieces.size(); first += IOV_MAX) {
+        chunk.clear();
+        for (size_t i = first; i < std::min(pieces.size(), first + IOV_MAX); ++i)
+            chunk.push_back({const_cast<void*>(pieces[i].data), size_t(pieces[i].size)});
+        iovec* next = chunk.data();
+        int left = int(chunk.size());
+        while (left > 0) {
+            ssize_t put = ::writev(fd, next, left);
+            if (put < 0 && errno == EINTR)
+                continue;
+            if (put <= 0)
+                return false;
+            // A short write: skip what was written and go on from there.
+            while (left > 0 && size_t(put) >= next->iov_len) {
+                put -= ssize_t(next->iov_len);
+                ++next;
+                --left;
+            }
+            if (left > 0) {
+                next->iov_base = static_cast<char*>(next->iov_base) + put;
+                next->iov_len -= size_t(put);
+            }
+        }
+    }
+    return true;
+}
+
+bool writeWhole(const QString& path, const std::vector<Piece>& pieces)
 {
     QFile out(path);
-    if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate))
+    if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered))
         return false;
-    const bool written = out.write(data) == data.size() && out.flush();
+    const bool written = writePieces(out.handle(), pieces);
     out.close();
     return written;
+}
+
+bool writeWhole(const QString& path, const QByteArray& data)
+{
+    return writeWhole(path, {{data.constData(), data.size()}});
 }
 
 bool renameOver(const QString& from, const QString& to)
@@ -328,13 +418,18 @@ QString sideFileOf(const QString& path)
 
 } // namespace
 
-bool replaceFile(const QString& path, const QByteArray& data)
+bool replaceFile(const QString& path, const std::vector<Piece>& pieces)
 {
     const QString temp = rewritePath(path);
-    if (writeWhole(temp, data) && renameOver(temp, path))
+    if (writeWhole(temp, pieces) && renameOver(temp, path))
         return true;
     QFile::remove(temp);
     return false;
+}
+
+bool replaceFile(const QString& path, const char* data, qint64 size)
+{
+    return replaceFile(path, {{data, size}});
 }
 
 bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const QByteArray& varData)

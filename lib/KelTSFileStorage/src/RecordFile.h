@@ -10,6 +10,7 @@
 #include <QByteArray>
 #include <QFile>
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -40,9 +41,26 @@ private:
 void encodeFixed(const Interpolate::DataRecord* records, qint64 n, const RecordLayout& layout,
                  long long base, uchar* out);
 
+// A page-aligned buffer for blocks of whole records. A walk over many files
+// lends one to each file, so that its pages are allocated and touched once.
+class BlockBuffer {
+public:
+    // At least `bytes`, keeping the buffer when it is large enough.
+    uchar* reserve(qint64 bytes);
+    qint64 capacity() const { return size; }
+
+private:
+    struct FreeDeleter {
+        void operator()(void* p) const;
+    };
+    std::unique_ptr<uchar, FreeDeleter> data;
+    qint64 size = 0;
+};
+
 class RecordFile {
 public:
-    RecordFile(TSFileStorage& storage, TSFileInfo info);
+    // Blocks go through the buffer given, or through one of the file's own.
+    RecordFile(TSFileStorage& storage, TSFileInfo info, BlockBuffer* blocks = nullptr);
     ~RecordFile();
     RecordFile(const RecordFile&) = delete;
     RecordFile& operator=(const RecordFile&) = delete;
@@ -81,17 +99,31 @@ public:
     // [lo, hi] to out; true when a record above hi ended the walk.
     bool appendInRange(qint64 from, qint64 n, long long lo, long long hi,
                        std::vector<Interpolate::DataRecord>& out);
+    // Hands the bytes of records [from, from + n) to visit(p, count), a block
+    // of whole records at a time, until visit returns false.
+    void visitBlocks(qint64 from, qint64 n, const std::function<bool(const uchar*, qint64)>& visit);
     // Copies the bytes of records [from, from + n) to out.
     bool readRaw(qint64 from, qint64 n, char* out);
+    // The file's whole records mapped into memory until close(): a private
+    // mapping, so that nothing written through it reaches the file; null
+    // when the file is empty or cannot be mapped.
+    const uchar* mapRecords();
     // The value of a record's value field.
     QVariant valueOf(const uchar* field);
 
     bool writeAt(qint64 byteOffset, const char* data, qint64 n);
+    // Encodes records of a fixed-length type a block at a time and writes
+    // each block at the end of the file: an append of any size takes one
+    // block of memory.
+    bool appendRecords(const Interpolate::DataRecord* records, qint64 n);
     // Cuts a partial record off the end of the file.
     bool dropTail();
 
 private:
     bool readBytes(qint64 offset, char* out, qint64 n);
+    // The block buffer, grown on use as large as that use needs, up to a
+    // block; sets bufferRecords to the records it holds.
+    uchar* blockBuffer(qint64 records);
     // Reads [from, from + n) a buffer at a time and hands each to chunk(p,
     // done, size); stops early (returning -1) when chunk returns false.
     template <typename Chunk>
@@ -104,17 +136,25 @@ private:
     QFile file;
     qint64 fileSize = 0;
     std::unique_ptr<VarFileReader> var;
-    struct FreeDeleter { void operator()(void* p) const; };
-    std::unique_ptr<uchar, FreeDeleter> buffer;
+    BlockBuffer ownBlocks;
+    BlockBuffer* blocks;
     qint64 bufferRecords = 0;
 };
 
 // Where a rewritten file's new contents are written before they replace it.
 QString rewritePath(const QString& path);
 
-// Writes data to rewritePath(path) and renames it over path, so that the
-// file holds either its old or its new contents, whenever the process stops.
-bool replaceFile(const QString& path, const QByteArray& data);
+// A piece of a file's new contents, written from where it lies.
+struct Piece {
+    const void* data;
+    qint64 size;
+};
+
+// Writes the pieces, one after the other, to rewritePath(path) and renames
+// it over path, so that the file holds either its old or its new contents,
+// whenever the process stops.
+bool replaceFile(const QString& path, const std::vector<Piece>& pieces);
+bool replaceFile(const QString& path, const char* data, qint64 size);
 
 // Replaces a storage file and its side file together: both new contents are
 // written beside them first, then the storage file is renamed into place and

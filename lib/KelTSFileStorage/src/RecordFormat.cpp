@@ -10,8 +10,6 @@
 #include <QBuffer>
 #include <QtEndian>
 
-#include <cfloat>
-#include <cmath>
 #include <cstring>
 
 namespace Kel {
@@ -81,79 +79,6 @@ RecordLayout::RecordLayout(QMetaType::Type type, int depth)
       stride(offsetWidth + (type == QMetaType::Float ? 8 : dataLengthOf(type)))
 {
 }
-
-void encodeOffset(uchar* p, unsigned long long offset, int width)
-{
-    switch (width) {
-    case 5:
-        p[0] = uchar(offset >> 32);
-        qToBigEndian(quint32(offset), p + 1);
-        break;
-    case 4:
-        qToBigEndian(quint32(offset), p);
-        break;
-    case 3:
-        p[0] = uchar(offset >> 16);
-        qToBigEndian(quint16(offset), p + 1);
-        break;
-    case 2:
-        qToBigEndian(quint16(offset), p);
-        break;
-    default:
-        break;
-    }
-}
-
-unsigned long long decodeOffset(const uchar* p, int width)
-{
-    switch (width) {
-    case 5:
-        return (quint64(p[0]) << 32) | qFromBigEndian<quint32>(p + 1);
-    case 4:
-        return qFromBigEndian<quint32>(p);
-    case 3:
-        return (quint64(p[0]) << 16) | qFromBigEndian<quint16>(p + 1);
-    case 2:
-        return qFromBigEndian<quint16>(p);
-    default:
-        return 0;
-    }
-}
-
-namespace {
-
-void encodeDouble(uchar* p, double d)
-{
-    quint64 bits;
-    std::memcpy(&bits, &d, 8);
-    qToBigEndian(bits, p);
-}
-
-double decodeDouble(const uchar* p)
-{
-    const quint64 bits = qFromBigEndian<quint64>(p);
-    double d;
-    std::memcpy(&d, &bits, 8);
-    return d;
-}
-
-float narrowToFloat(double d)
-{
-    if (std::isfinite(d) && std::fabs(d) > double(FLT_MAX))
-        return d > 0 ? INFINITY : -INFINITY;
-    return float(d);
-}
-
-// The stored double of a QVariant that holds one, without the general
-// conversion; any other content converts as toDouble() says.
-double doubleOf(const QVariant& value)
-{
-    if (value.userType() == QMetaType::Double)
-        return *static_cast<const double*>(value.constData());
-    return value.toDouble();
-}
-
-} // namespace
 
 void encodeValue(uchar* p, const QVariant& value, QMetaType::Type type)
 {
@@ -253,8 +178,14 @@ QVariant VarFileReader::valueAt(qint32 position)
         }
         stream = std::make_unique<QDataStream>(file.get());
         stream->setVersion(QDataStream::Qt_5_13);
+        size = file->size();
     }
-    if (position < 0 || position >= file->size() || !file->seek(position))
+    // Values are mostly read in the order they were written: the file is
+    // asked for its size again only for a position beyond the last known
+    // size, and moved only when it is not already at the position.
+    if (position >= size)
+        size = file->size();
+    if (position < 0 || position >= size || (file->pos() != position && !file->seek(position)))
         return QVariant();
     stream->resetStatus();
     return readVariant(*stream);

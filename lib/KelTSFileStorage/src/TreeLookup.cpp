@@ -7,33 +7,58 @@
 #include "Calendar.h"
 
 #include <QDir>
+#include <QFile>
+
+#include <algorithm>
+#include <functional>
+
+#include <dirent.h>
+#include <sys/stat.h>
 
 namespace Kel {
 
 namespace {
 
-// Level names are 2 or 4 characters long; everything else (side files,
-// temporary files) stays out of every listing.
-const QStringList& levelNameFilters()
-{
-    static const QStringList filters{QStringLiteral("??"), QStringLiteral("????")};
-    return filters;
-}
-
 // A file lies at most this many levels below the base directory; a deeper
 // descent can only be a link that loops, and finds nothing.
 constexpr int kMaxLevels = 5;
 
-constexpr QDir::Filters kListFilter = QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot;
-
-QDir::SortFlags sortFor(bool backward)
+// A regular file or a directory, a link counting as what it points to:
+// what QDir lists with Dirs | Files.
+bool isFileOrDir(int dirFd, const dirent* entry)
 {
-    return backward ? QDir::SortFlags(QDir::Name | QDir::Reversed) : QDir::SortFlags(QDir::Name);
+    if (entry->d_type == DT_REG || entry->d_type == DT_DIR)
+        return true;
+    if (entry->d_type != DT_LNK && entry->d_type != DT_UNKNOWN)
+        return false;
+    struct stat st;
+    return ::fstatat(dirFd, entry->d_name, &st, 0) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
 }
 
-QStringList listNames(const QDir& dir, bool backward)
+// The entries of a level in name order (reversed when backward). Level names
+// are 2 or 4 characters long; everything else (side files, temporary files)
+// and hidden entries stay out of every listing. The directory is read
+// directly: a QDir listing builds a file info for every entry, and its name
+// filters match a pattern against each, at several times the cost.
+QStringList listNames(const QString& dirPath, bool backward)
 {
-    return dir.entryList(levelNameFilters(), kListFilter, sortFor(backward));
+    QStringList names;
+    DIR* dir = ::opendir(QFile::encodeName(dirPath).constData());
+    if (!dir)
+        return names;
+    while (const dirent* entry = ::readdir(dir)) {
+        if (entry->d_name[0] == '.')
+            continue;
+        const QString name = QFile::decodeName(entry->d_name);
+        if ((name.size() == 2 || name.size() == 4) && isFileOrDir(::dirfd(dir), entry))
+            names.append(name);
+    }
+    ::closedir(dir);
+    if (backward)
+        std::sort(names.begin(), names.end(), std::greater<QString>());
+    else
+        std::sort(names.begin(), names.end());
+    return names;
 }
 
 } // namespace
@@ -63,17 +88,16 @@ TSFileInfo TSDirControl::findFirstLastFile(bool first)
         return TSFileInfo();
     QString relDir;
     for (int level = 0; level < kMaxLevels; ++level) {
-        const QFileInfoList entries = dir.entryInfoList(levelNameFilters(), kListFilter,
-                                                        sortFor(!first));
+        const QStringList names = listNames(dir.path(), !first);
         // An empty directory on the way ends the search, even if other
         // branches hold files.
-        if (entries.isEmpty())
+        if (names.isEmpty())
             return TSFileInfo();
-        const QFileInfo& entry = entries.first();
+        const QFileInfo entry(dir.path() + u'/' + names.first());
         if (entry.isFile())
             return TSFileInfo(entry, relDir);
-        relDir += entry.fileName() + u'/';
-        dir.setPath(dir.path() + u'/' + entry.fileName());
+        relDir += names.first() + u'/';
+        dir.setPath(entry.filePath());
     }
     return TSFileInfo();
 }
@@ -95,7 +119,7 @@ TSFileInfo TSDirControl::findPrevNextFile(TSFileInfo file, bool prev)
     while (!file.filePath().isEmpty()) {
         QDir dir(file.path());
         const QString relDir = file.getSubDir();
-        const QStringList names = listNames(dir, prev);
+        const QStringList names = listNames(dir.path(), prev);
         const QString name = file.fileName();
 
         qsizetype candidate = names.indexOf(name);
@@ -123,7 +147,7 @@ TSFileInfo TSDirControl::findPrevNextFile(TSFileInfo file, bool prev)
             for (int level = file.getDirDepth() + 1; level < kMaxLevels; ++level) {
                 entryRelDir += entryName + u'/';
                 const QDir sub(entryPath);
-                const QStringList subNames = listNames(sub, prev);
+                const QStringList subNames = listNames(sub.path(), prev);
                 if (subNames.isEmpty())
                     return TSFileInfo();
                 entryName = subNames.first();

@@ -25,6 +25,10 @@ using Record = Interpolate::DataRecord;
 
 namespace {
 
+// A binary search on disk costs about as much as reading this many records
+// in one call.
+constexpr qint64 kRecordsPerSearch = 8192;
+
 // Batch order: by timestamp, then by value (NaN last), input order kept
 // among equals.
 bool batchLess(const Record& a, const Record& b)
@@ -100,13 +104,25 @@ QString isoTime(long long ms)
 
 } // namespace
 
+// Memory that the files of one batch use in turn, so that its pages are
+// allocated and touched once: a file's stored records read whole (where it
+// cannot be mapped), the records placed into a rewritten file, and the block
+// buffer. All are page aligned: the kernel copies to and from a buffer that
+// starts inside a page several times slower.
+struct BatchBuffers {
+    detail::BlockBuffer stored;
+    detail::BlockBuffer rewritten;
+    detail::BlockBuffer blocks;
+};
+
 // Applies the share of one batch that falls into one storage file.
 class FileBatchWriter {
 public:
     FileBatchWriter(TSFileStorage& storage, const TSFileInfo& info, bool appendOnly,
-                    bool distinctTimes, std::vector<Record>* overwritten)
+                    bool distinctTimes, std::vector<Record>* overwritten, BatchBuffers& buffers)
         : storage(storage),
-          file(storage, info),
+          buffers(buffers),
+          file(storage, info, &buffers.blocks),
           isNew(!info.found()),
           appendOnly(appendOnly),
           distinctTimes(distinctTimes),
@@ -259,13 +275,10 @@ private:
 
     bool appendAll(const Record* first, const Record* last)
     {
+        if (!file.layout().variable && (appendOnly || distinctTimes))
+            return file.appendRecords(first, last - first);
         const int stride = file.layout().stride;
         QByteArray out((last - first) * stride, Qt::Uninitialized);
-        if (!file.layout().variable && (appendOnly || distinctTimes)) {
-            detail::encodeFixed(first, last - first, file.layout(), file.base(),
-                                reinterpret_cast<uchar*>(out.data()));
-            return file.writeAt(file.size(), out.constData(), out.size());
-        }
         qsizetype used = 0;
         for (const Record* run = first; run != last;) {
             const Record* end = runEnd(run, last);
@@ -292,12 +305,16 @@ private:
     {
         std::vector<Placement> places;
         const qint64 count = file.count();
+        // A search on disk reads one timestamp a call; a batch with many
+        // records for the file reads it whole once and searches in memory.
+        if ((last - first) * kRecordsPerSearch >= count)
+            loadStored();
         bool inserts = false;
         qint64 from = 0;
         for (const Record* run = first; run != last;) {
             const Record* end = runEnd(run, last);
             const qint64 index = lowerBoundFrom(from, run->timestamp);
-            const bool stored = index < count && file.timestampAt(index) == run->timestamp;
+            const bool stored = index < count && storedTimestamp(index) == run->timestamp;
             inserts = inserts || (!stored && index < count);
             places.push_back({run, end, index, stored});
             from = index;
@@ -311,12 +328,45 @@ private:
         qint64 hi = file.count();
         while (lo < hi) {
             const qint64 mid = (lo + hi) >> 1;
-            if (file.timestampAt(mid) < ts)
+            if (storedTimestamp(mid) < ts)
                 lo = mid + 1;
             else
                 hi = mid;
         }
         return lo;
+    }
+
+    // The stored records in memory: the file mapped, or where it cannot be,
+    // read whole.
+    bool loadStored()
+    {
+        loaded = file.mapRecords();
+        if (!loaded) {
+            uchar* copy = buffers.stored.reserve(file.count() * file.layout().stride);
+            if (!file.readRaw(0, file.count(), reinterpret_cast<char*>(copy)))
+                return false;
+            loaded = copy;
+        }
+        isLoaded = true;
+        return true;
+    }
+
+    const uchar* loadedRecord(qint64 index) const { return loaded + index * file.layout().stride; }
+
+    long long storedTimestamp(qint64 index)
+    {
+        if (!isLoaded)
+            return file.timestampAt(index);
+        return file.base() + (long long)detail::decodeOffset(loadedRecord(index), file.layout().offsetWidth);
+    }
+
+    // Copies the bytes of stored records [from, from + n) to out.
+    void readStored(qint64 from, qint64 n, char* out)
+    {
+        if (!isLoaded)
+            file.readRaw(from, n, out);
+        else
+            std::memcpy(out, loadedRecord(from), size_t(n * file.layout().stride));
     }
 
     bool patchInPlace(const std::vector<Placement>& places)
@@ -328,7 +378,7 @@ private:
         uchar record[16];
         for (const Placement& p : places) {
             if (p.stored) {
-                file.readRaw(p.index, 1, reinterpret_cast<char*>(record));
+                readStored(p.index, 1, reinterpret_cast<char*>(record));
                 Slot slot(record, true);
                 applyRun(p.run, p.runEnd, slot);
                 if (slot.written) {
@@ -351,32 +401,38 @@ private:
     {
         const int stride = file.layout().stride;
         const qint64 count = file.count();
-        QByteArray old(count * stride, Qt::Uninitialized);
-        file.readRaw(0, count, old.data());
-        QByteArray out((count + qint64(places.size())) * stride, Qt::Uninitialized);
-        qsizetype used = 0;
+        if (!isLoaded && !loadStored())
+            return false;
+        // The new file is written from the stored records where they lie and
+        // the placed records, built in a buffer of their own, between them.
+        uchar* placed = buffers.rewritten.reserve(qint64(places.size()) * stride);
+        std::vector<detail::Piece> pieces;
+        const auto add = [&pieces](const uchar* data, qint64 size) {
+            if (!pieces.empty() && static_cast<const uchar*>(pieces.back().data) + pieces.back().size == data)
+                pieces.back().size += size;
+            else if (size > 0)
+                pieces.push_back({data, size});
+        };
         qint64 copied = 0;
         for (const Placement& p : places) {
-            const qsizetype before = (p.index - copied) * stride;
-            std::memcpy(out.data() + used, old.constData() + copied * stride, size_t(before));
-            used += before;
+            add(loadedRecord(copied), (p.index - copied) * stride);
             copied = p.index;
-            Slot slot(reinterpret_cast<uchar*>(out.data() + used), p.stored);
+            Slot slot(placed, p.stored);
             if (p.stored)
-                std::memcpy(slot.bytes, old.constData() + copied++ * stride, size_t(stride));
+                std::memcpy(slot.bytes, loadedRecord(copied++), size_t(stride));
             applyRun(p.run, p.runEnd, slot);
-            used += stride;
+            add(placed, stride);
+            placed += stride;
         }
-        std::memcpy(out.data() + used, old.constData() + copied * stride, size_t((count - copied) * stride));
-        used += (count - copied) * stride;
-        out.truncate(used);
-        return finishVar() && detail::replaceFile(file.path(), out);
+        add(loadedRecord(copied), (count - copied) * stride);
+        return finishVar() && detail::replaceFile(file.path(), pieces);
     }
 
     // Values reach the side file before the records that refer to them.
     bool finishVar() { return !file.layout().variable || var.flush(); }
 
     TSFileStorage& storage;
+    BatchBuffers& buffers;
     detail::RecordFile file;
     bool isNew;
     bool appendOnly;
@@ -386,6 +442,8 @@ private:
     bool varOverwritten = false;
     detail::VarFileWriter var;
     detail::RecordEncoder encoder;
+    const uchar* loaded = nullptr;  // the stored records, once in memory
+    bool isLoaded = false;
 };
 
 bool TSFileStorage::writeDataRecords(std::vector<Interpolate::DataRecord> records,
@@ -411,6 +469,7 @@ try
 
     std::vector<long long> backfilled;
     std::vector<Record> overwritten;
+    BatchBuffers buffers;
     bool allPlaced = true;
     const Record* const end = records.data() + records.size();
     for (const Record* first = records.data(); first != end;) {
@@ -434,7 +493,7 @@ try
         });
 
         FileBatchWriter writer(*this, info, appendOnly, distinctTimes,
-                               collectOverwritten ? &overwritten : nullptr);
+                               collectOverwritten ? &overwritten : nullptr, buffers);
         if (!writer.write(first, last))
             return false;
         QFile file(info.filePath());
