@@ -8,6 +8,7 @@
 #include "RecordCodec.h"
 
 #include <QBuffer>
+#include <QFileInfo>
 #include <QtEndian>
 
 #include <cfloat>
@@ -243,7 +244,10 @@ QVariant VarFileReader::valueAt(qint32 position)
         return QVariant();
     if (!file) {
         file = std::make_unique<QFile>(path);
-        if (!storage.openFile(*file, QIODevice::ReadOnly)) {
+        // A side file that is missing (or is no file) does not turn up by
+        // waiting: it fails at once instead of after the retries of a file
+        // that another process holds, which would stall every read of it.
+        if (!QFileInfo(path).isFile() || !storage.openFile(*file, QIODevice::ReadOnly)) {
             storageLog(LOG_FAILURE, QStringLiteral("Could not open '%1' for read (readCurrDataRecord)"),
                        __LINE__)
                 .arg(path)
