@@ -1,15 +1,22 @@
 // Deleting the records of a closed time range: whole files go with their
 // side files, partly covered files are written anew without the deleted
 // records, and directories left empty are removed, walking upwards.
+//
+// A directory without a file of the tree ends every walk over the tree, so
+// that the records after it could no longer be found. A directory that a
+// delete empties is therefore taken out of the tree in one rename before it
+// is removed, and never stands empty, whenever the process stops.
 
 #include "TSFileStorage.h"
 
+#include "DiskSteps.h"
 #include "Logging.h"
 #include "MarkerStorage.h"
 #include "RecordFile.h"
 
 #include <QDir>
 
+#include <cstdio>
 #include <set>
 
 namespace Kel {
@@ -30,7 +37,76 @@ void removeEmptyUpwards(QDir dir)
         const QString name = dir.dirName();
         if (!dir.cdUp() || !dir.rmdir(name))
             return;
+        detail::diskStepDone();
     }
+}
+
+// Where a directory goes for its removal: a name no lookup sees.
+QString asidePath(const QString& dir)
+{
+    return dir + QStringLiteral(".deleted");
+}
+
+// Removes a directory after taking it out of the tree in one rename.
+void removeDirectoryAtOnce(const QString& dir)
+{
+    const QString aside = asidePath(dir);
+    QDir(aside).removeRecursively();  // left by a run that was stopped
+    if (std::rename(QFile::encodeName(dir).constData(), QFile::encodeName(aside).constData()) != 0) {
+        QDir(dir).removeRecursively();
+        detail::diskStepDone();
+        return;
+    }
+    detail::diskStepDone();
+    QDir(aside).removeRecursively();
+    detail::diskStepDone();
+}
+
+// The names of the tree (2 or 4 characters) in a directory.
+QStringList treeNames(const QString& dir)
+{
+    static const QStringList filters{QStringLiteral("??"), QStringLiteral("????")};
+    return QDir(dir).entryList(filters, QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot | QDir::Hidden);
+}
+
+// The directories that hold no file of the tree once the doomed files are
+// gone, up to (not including) the series' base directory; only the highest
+// of each branch is listed.
+QStringList directoriesEmptiedBy(const QStringList& doomed, const std::set<QString>& dirs, const QString& base)
+{
+    std::set<QString> gone;
+    for (const QString& path : doomed)
+        gone.insert(QFileInfo(path).absoluteFilePath());
+    std::set<QString> emptied;
+    std::set<QString> candidates = dirs;
+    while (!candidates.empty()) {
+        const QString dir = *candidates.rbegin();  // deepest first: longer paths sort after their parents
+        candidates.erase(dir);
+        if (dir.size() + 1 <= base.size() || emptied.count(dir))
+            continue;
+        bool empty = true;
+        for (const QString& name : treeNames(dir))
+            empty = empty && gone.count(dir + u'/' + name) > 0;
+        if (!empty)
+            continue;
+        emptied.insert(dir);
+        gone.insert(dir);
+        candidates.insert(QFileInfo(dir).absolutePath());
+    }
+    QStringList highest;
+    for (const QString& dir : emptied)
+        if (!emptied.count(QFileInfo(dir).absolutePath()))
+            highest.append(dir);
+    return highest;
+}
+
+bool insideAny(const QString& path, const QStringList& dirs)
+{
+    const QString absolute = QFileInfo(path).absoluteFilePath();
+    for (const QString& dir : dirs)
+        if (absolute.startsWith(dir + u'/'))
+            return true;
+    return false;
 }
 
 void removeWithSideFile(const QString& path)
@@ -39,11 +115,15 @@ void removeWithSideFile(const QString& path)
         detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not remove '%1'"), __LINE__)
             .arg(path)
             .endl();
+    detail::diskStepDone();
     const QString var = path + QStringLiteral(".var");
-    if (QFileInfo::exists(var) && !QFile::remove(var))
+    if (!QFileInfo::exists(var))
+        return;
+    if (!QFile::remove(var))
         detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not remove '%1'"), __LINE__)
             .arg(var)
             .endl();
+    detail::diskStepDone();
 }
 
 // Writes the records of a partly covered file that lie outside [start, end]
@@ -105,7 +185,7 @@ try
         // The whole series goes, and every directory above it that is left
         // empty.
         QDir dir(storage->baseDir);
-        dir.removeRecursively();
+        removeDirectoryAtOnce(dir.absolutePath());
         if (dir.cdUp())
             removeEmptyUpwards(dir);
         return true;
@@ -151,10 +231,17 @@ try
             break;
     }
 
+    const QStringList emptied =
+        directoriesEmptiedBy(doomed, dirsToTidy, QDir(storage->baseDir).absolutePath() + u'/');
+    for (const QString& dir : emptied)
+        removeDirectoryAtOnce(dir);
     for (const QString& path : doomed)
-        removeWithSideFile(path);
+        if (!insideAny(path, emptied))
+            removeWithSideFile(path);
     for (const QString& path : dirsToTidy)
         removeEmptyUpwards(QDir(path));
+    for (const QString& dir : emptied)
+        removeEmptyUpwards(QDir(QFileInfo(dir).absolutePath()));
     return true;
 } catch (...) {
     detail::logCaughtException("deleteDataRecords");

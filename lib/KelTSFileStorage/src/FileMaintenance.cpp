@@ -7,6 +7,7 @@
 #include "TSFileStorage.h"
 
 #include "Calendar.h"
+#include "DiskSteps.h"
 #include "Logging.h"
 #include "RecordFile.h"
 
@@ -39,18 +40,35 @@ bool replaceFileByDirectory(const QString& dirPath, const QString& filePath)
     const QByteArray dir = QFile::encodeName(dirPath);
     const QByteArray file = QFile::encodeName(filePath);
     if (::renameat2(AT_FDCWD, dir.constData(), AT_FDCWD, file.constData(), RENAME_EXCHANGE) == 0) {
+        detail::diskStepDone();
         QFile::remove(dirPath);  // now the old file
+        detail::diskStepDone();
         return true;
     }
     const QByteArray aside = file + ".old";
     if (std::rename(file.constData(), aside.constData()) != 0)
         return false;
+    detail::diskStepDone();
     if (std::rename(dir.constData(), file.constData()) != 0) {
         std::rename(aside.constData(), file.constData());
         return false;
     }
+    detail::diskStepDone();
     std::remove(aside.constData());
+    detail::diskStepDone();
     return true;
+}
+
+// A split stopped right after the swap leaves the old file beside the new
+// directory, under the name of the work directory. No lookup sees it, and
+// every record in it is in the directory; it goes at the next write there.
+void removeFileLeftBySplit(const TSFileInfo& info)
+{
+    if (info.getDirDepth() == TSFileInfo::DEPTH_YEAR)
+        return;
+    const QString left = info.absolutePath() + QStringLiteral(".split");
+    if (QFileInfo(left).isFile())
+        QFile::remove(left);
 }
 
 } // namespace
@@ -125,6 +143,7 @@ private:
         bool ok = !var || var->flush();
         ok = file->write(pending) == pending.size() && ok;
         file->close();
+        detail::diskStepDone();
         file.reset();
         pending.clear();
         return ok;
@@ -149,6 +168,7 @@ bool TSFileStorage::checkMaxFileSize(QFile* file, TSFileInfo info)
 try
 {
     const QString path = file->fileName();
+    removeFileLeftBySplit(info);
     if (!splitIsDue(path, maxFileSize) || info.getDirDepth() >= TSFileInfo::DEPTH_MINUTE)
         return false;
 
@@ -161,7 +181,11 @@ try
         return false;
     }
 
+    // A split that was stopped leaves its work directory behind, or, when it
+    // stopped right after the swap, the old file under that name.
     const QString workDir = path + QStringLiteral(".split");
+    if (QFileInfo(workDir).isFile())
+        QFile::remove(workDir);
     QDir(workDir).removeRecursively();
     QDir().mkpath(workDir);
     FileSplitter splitter(*this, source, workDir);
@@ -185,6 +209,7 @@ try
         return false;
     }
     QFile::remove(path + QStringLiteral(".var"));
+    detail::diskStepDone();
     return true;
 } catch (...) {
     detail::logCaughtException("checkMaxFileSize");

@@ -3,6 +3,7 @@
 
 #include "RecordFile.h"
 
+#include "DiskSteps.h"
 #include "TSFileStorage.h"
 
 #include <QFileInfo>
@@ -15,6 +16,8 @@
 #include <unistd.h>
 
 namespace Kel::detail {
+
+DiskStepListener diskStepListener = nullptr;
 
 namespace {
 
@@ -155,6 +158,7 @@ bool RecordFile::writeAt(qint64 byteOffset, const char* data, qint64 n)
         data += put;
         byteOffset += put;
         n -= put;
+        diskStepDone();
     }
     fileSize = std::max(fileSize, end);
     return true;
@@ -167,6 +171,7 @@ bool RecordFile::dropTail()
         return true;
     if (!file.resize(whole))
         return false;
+    diskStepDone();
     fileSize = whole;
     return true;
 }
@@ -313,12 +318,15 @@ bool writeWhole(const QString& path, const QByteArray& data)
         return false;
     const bool written = out.write(data) == data.size() && out.flush();
     out.close();
+    diskStepDone();
     return written;
 }
 
 bool renameOver(const QString& from, const QString& to)
 {
-    return std::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0;
+    const bool renamed = std::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0;
+    diskStepDone();
+    return renamed;
 }
 
 QString sideFileOf(const QString& path)

@@ -4,6 +4,7 @@
 
 #include "TSFileStorage.h"
 
+#include "DiskSteps.h"
 #include "Logging.h"
 #include "RecordCodec.h"
 
@@ -315,6 +316,7 @@ bool VarFileWriter::flush()
     const QByteArray& pending = buffer->bytes();
     const bool ok = pending.isEmpty() || file->write(pending) == pending.size();
     file->close();
+    diskStepDone();
     file.reset();
     buffer.reset();
     return ok;
