@@ -212,6 +212,7 @@ QVariant readVariant(QDataStream& stream)
         stream >> value;
     } catch (...) {
         // A corrupt length field can ask for more memory than there is.
+        stream.setStatus(QDataStream::ReadCorruptData);
         return QVariant();
     }
     return stream.status() == QDataStream::Ok ? value : QVariant();
@@ -260,9 +261,25 @@ QVariant VarFileReader::valueAt(qint32 position)
         stream->setVersion(QDataStream::Qt_5_13);
     }
     if (position < 0 || position >= file->size() || !file->seek(position))
-        return QVariant();
+        return unreadable(position, "lies past the end of the file");
     stream->resetStatus();
-    return readVariant(*stream);
+    QVariant value = readVariant(*stream);
+    if (stream->status() != QDataStream::Ok)
+        return unreadable(position, "is corrupt");
+    return value;
+}
+
+QVariant VarFileReader::unreadable(qint32 position, const char* why)
+{
+    // Once per file and read: a damaged file can hold many such values.
+    if (!reported)
+        storageLog(LOG_FAILURE, QStringLiteral("Value at position %1 of '%2' %3; it reads as no value"), __LINE__)
+            .arg(position)
+            .arg(path)
+            .arg(QString::fromLatin1(why))
+            .endl();
+    reported = true;
+    return QVariant();
 }
 
 VarBuffer::VarBuffer(qint64 startSize) : startSize(startSize), stream(&data, QIODevice::WriteOnly)
