@@ -2,7 +2,9 @@
 // files of a series (inserts, overwrites of text values, splits at the size
 // limit, reorganisation of a side file, partial deletes) and checks what the
 // child left: the records from before or after the operation, never a torn
-// or lost one; and the next run of the operation must complete it.
+// or lost one; and the next run of the operation must complete it. A reader
+// that reads between any two of those steps must see the same, and leave
+// the operation to finish as it would have.
 
 #include "DiskSteps.h"
 #include "StorageFixture.h"
@@ -31,6 +33,19 @@ void killAtChosenStep()
 {
     if (--stepsLeft == 0)
         ::raise(SIGKILL);
+}
+
+// A read run from inside the chosen step, as another process might read.
+std::function<void()> readAtStep;
+bool reading = false;
+
+void readAtChosenStep()
+{
+    if (reading || --stepsLeft != 0)
+        return;
+    reading = true;
+    readAtStep();
+    reading = false;
 }
 
 const long long t0 = ms("2024-05-07T00:00:00Z");
@@ -162,15 +177,48 @@ protected:
         return true;
     }
 
-    // Returns the number of kill points tried.
-    int killEverywhere(const Operation& op)
+    // Checks the records found after a step; true when they are fine.
+    void expectOldOrNew(const Operation& op, const Records& got, const Records& before, const Records& after,
+                        const char* what, int step)
     {
-        QTemporaryDir reference;
-        auto series = prepare(reference, op);
-        const Records before = readAll(*series);
-        op.run(*series);
-        const Records after = readAll(*series);
+        if (op.oneFile)
+            EXPECT_TRUE(same(got, before) || same(got, after))
+                << op.name << ", " << what << " step " << step << ": neither the old nor the new records";
+        else
+            EXPECT_EQ(perRecordFault(got, before, after), std::string()) << op.name << ", " << what << " step " << step;
+    }
 
+    // Returns the number of steps a reader read at.
+    int readEverywhere(const Operation& op, const Records& before, const Records& after)
+    {
+        int step = 1;
+        for (;; ++step) {
+            QTemporaryDir dir;
+            auto series = prepare(dir, op);
+            bool read = false;
+            Records got;
+            readAtStep = [&] {
+                TSFileStorage reader(dir.path(), op.type, op.maxFileSize);
+                got = readAll(reader);
+                read = true;
+            };
+            stepsLeft = step;
+            Kel::detail::diskStepListener = readAtChosenStep;
+            op.run(*series);
+            Kel::detail::diskStepListener = nullptr;
+            if (!read)
+                break;
+            expectOldOrNew(op, got, before, after, "read after", step);
+            EXPECT_TRUE(same(readAll(*series), after)) << op.name << ", read after step " << step
+                                                       << ": the operation did not complete";
+            EXPECT_EQ(leftovers(dir.path()), QStringList()) << op.name << ", read after step " << step;
+        }
+        return step - 1;
+    }
+
+    // Returns the number of kill points tried.
+    int killEverywhere(const Operation& op, const Records& before, const Records& after)
+    {
         int step = 1;
         for (;; ++step) {
             QTemporaryDir dir;
@@ -179,12 +227,7 @@ protected:
                 break;
             TSFileStorage reader(dir.path(), op.type, op.maxFileSize);
             const Records got = readAll(reader);
-            if (op.oneFile)
-                EXPECT_TRUE(same(got, before) || same(got, after))
-                    << op.name << ", killed after step " << step << ": neither the old nor the new records";
-            else
-                EXPECT_EQ(perRecordFault(got, before, after), std::string())
-                    << op.name << ", killed after step " << step;
+            expectOldOrNew(op, got, before, after, "killed after", step);
             op.run(reader);
             EXPECT_TRUE(same(readAll(reader), after)) << op.name << ", killed after step " << step
                                                       << ": the next run did not complete it";
@@ -199,12 +242,11 @@ QString fileOf(TSFileStorage& s, long long ts)
     return s.findFile(ts).filePath();
 }
 
-} // namespace
-
-TEST_F(CrashSafety, EveryStepOfARewriteLeavesTheOldOrTheNewRecords)
+// The operations that rewrite files, each on a series set up for it.
+std::vector<Operation> rewrites()
 {
     const int big = 1 << 30;
-    const std::vector<Operation> operations = {
+    return {
         {"insert between records", Double, big, {hourly(Double, 0, 40, 2)},
          [](TSFileStorage& s) { s.writeDataRecords(hourly(Double, 1, 12, 4), false, false); }, true},
         {"insert into a Float file", Float, big, {hourly(Float, 0, 40, 2)},
@@ -235,15 +277,30 @@ TEST_F(CrashSafety, EveryStepOfARewriteLeavesTheOldOrTheNewRecords)
         {"batch over several files", Double, 60, daily(Double, 3, 6),
          [](TSFileStorage& s) { s.writeDataRecords(hourly(Double, 1, 24 * 3 + 10, 7, 1000), true, true); }, false},
     };
+}
+
+} // namespace
+
+TEST_F(CrashSafety, EveryStepOfARewriteLeavesTheOldOrTheNewRecordsToKillsAndReaders)
+{
+    const std::vector<Operation> operations = rewrites();
     LogCapture quiet;
     int points = 0;
+    int reads = 0;
     for (const Operation& op : operations) {
-        const int tried = killEverywhere(op);
+        QTemporaryDir reference;
+        auto series = prepare(reference, op);
+        const Records before = readAll(*series);
+        op.run(*series);
+        const Records after = readAll(*series);
+        const int tried = killEverywhere(op, before, after);
         EXPECT_GT(tried, 0) << op.name;
         points += tried;
+        reads += readEverywhere(op, before, after);
     }
-    std::cout << "Crash safety: " << points << " kill points over " << operations.size()
-              << " operations; " << (HasFailure() ? "RECORDS LOST OR TORN" : "no record lost or torn at any")
-              << std::endl;
+    std::cout << "Crash safety: " << points << " kill points and " << reads << " reads between steps over "
+              << operations.size() << " operations; "
+              << (HasFailure() ? "RECORDS LOST OR TORN" : "no record lost or torn at any") << std::endl;
     RecordProperty("killPoints", points);
+    RecordProperty("readsBetweenSteps", reads);
 }

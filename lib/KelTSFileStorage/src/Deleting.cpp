@@ -210,7 +210,7 @@ try
             continue;
         }
         detail::RecordFile file(*storage.get(), info);
-        if (!file.open(QIODevice::ReadOnly)) {
+        if (!file.openToChange(QIODevice::ReadOnly)) {
             detail::storageLog(detail::LOG_FAILURE,
                                QStringLiteral("Could not open '%1' for read (deleteDataRecords)"), __LINE__)
                 .arg(info.filePath())

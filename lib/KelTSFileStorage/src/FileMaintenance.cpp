@@ -173,7 +173,7 @@ try
         return false;
 
     detail::RecordFile source(*this, info);
-    if (!source.open(QIODevice::ReadOnly)) {
+    if (!source.openToChange(QIODevice::ReadOnly)) {
         detail::storageLog(detail::LOG_FAILURE,
                            QStringLiteral("Could not open '%1' for read (checkMaxFileSize)"), __LINE__)
             .arg(path)
@@ -225,7 +225,7 @@ try
         .endl();
 
     detail::RecordFile source(*this, info);
-    if (!source.open(QIODevice::ReadOnly)) {
+    if (!source.openToChange(QIODevice::ReadOnly)) {
         detail::storageLog(detail::LOG_FAILURE,
                            QStringLiteral("Could not open '%1' for read (reorgVarFile)"), __LINE__)
             .arg(path)

@@ -116,11 +116,18 @@ RecordFile::~RecordFile() = default;
 bool RecordFile::open(QIODevice::OpenMode mode)
 {
     if (recordLayout.variable)
-        recoverRewrite(fileInfo.filePath());
+        finishRewrite(fileInfo.filePath());
     if (!storage.openFile(file, mode))
         return false;
     fileSize = file.size();
     return true;
+}
+
+bool RecordFile::openToChange(QIODevice::OpenMode mode)
+{
+    if (recordLayout.variable)
+        recoverRewrite(fileInfo.filePath());
+    return open(mode);
 }
 
 void RecordFile::close()
@@ -356,7 +363,8 @@ bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const Q
         QFile::remove(tempVar);
         return false;
     }
-    return renameOver(tempVar, sideFileOf(path));
+    // A reader that met the pair half renamed may have finished the rename.
+    return renameOver(tempVar, sideFileOf(path)) || !QFileInfo::exists(tempVar);
 }
 
 void recoverRewrite(const QString& path)
@@ -366,9 +374,16 @@ void recoverRewrite(const QString& path)
     if (QFileInfo::exists(temp)) {
         QFile::remove(temp);
         QFile::remove(tempVar);
-    } else if (QFileInfo::exists(tempVar)) {
-        renameOver(tempVar, sideFileOf(path));
+    } else {
+        finishRewrite(path);
     }
+}
+
+void finishRewrite(const QString& path)
+{
+    const QString tempVar = sideFileOf(rewritePath(path));
+    if (!QFileInfo::exists(rewritePath(path)) && QFileInfo::exists(tempVar))
+        renameOver(tempVar, sideFileOf(path));
 }
 
 } // namespace Kel::detail

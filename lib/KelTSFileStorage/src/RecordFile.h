@@ -48,7 +48,13 @@ public:
     RecordFile& operator=(const RecordFile&) = delete;
 
     // Opens through the storage's retrying open; the caller logs a failure.
+    // A replacement of the file and its side file that stopped after its
+    // first rename is completed first.
     bool open(QIODevice::OpenMode mode);
+    // The same for the series' writer, which is about to change the file: a
+    // replacement that stopped before its first rename is thrown away too.
+    // A reader must not: for it, that may be a replacement under way.
+    bool openToChange(QIODevice::OpenMode mode);
     void close();
 
     const TSFileInfo& info() const { return fileInfo; }
@@ -120,8 +126,9 @@ bool replaceFile(const QString& path, const QByteArray& data);
 // written beside them first, then the storage file is renamed into place and
 // the side file after it. recoverRewrite() undoes a replacement stopped before
 // the first rename and completes one stopped after it, so that the pair always
-// comes back as either the old or the new one.
+// comes back as either the old or the new one. finishRewrite() only completes.
 bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const QByteArray& varData);
 void recoverRewrite(const QString& path);
+void finishRewrite(const QString& path);
 
 } // namespace Kel::detail

@@ -155,7 +155,7 @@ private:
     {
         if (isNew)
             storage.checkDirectory(file.info().absoluteDir());
-        if (file.open(QIODevice::ReadWrite)) {
+        if (file.openToChange(QIODevice::ReadWrite)) {
             dropPartialRecord();
             return true;
         }
