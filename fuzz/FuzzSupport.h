@@ -27,9 +27,12 @@ namespace Kel::fuzz {
     std::abort();
 }
 
-// KELTS_FUZZ_LOG=1 prints them instead, to follow one input.
+// KELTS_FUZZ_LOG=1 prints them instead, to follow one input. Qt's own
+// warnings about corrupt serialised values go too.
 inline void quietLogs()
 {
+    if (!qEnvironmentVariableIsSet("KELTS_FUZZ_LOG"))
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
     if (qEnvironmentVariableIsSet("KELTS_FUZZ_LOG"))
         Logger::instance().setSink([](const LogEntry& e) { std::fprintf(stderr, "log: %s\n", qPrintable(e.message)); });
     else

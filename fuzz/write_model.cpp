@@ -2,8 +2,11 @@
 // one batch), deletes of ranges and size-limited splits, run on one series
 // with a small size limit and checked after each step against a plain map
 // of what the series must hold: the whole series read raw, its count, its
-// first and last record, a sub-range and single finds.
+// first and last record, a sub-range and single finds. A reader also reads
+// the series between two disk steps of the operation, as another process
+// might, and must find each record as it was before or after it.
 
+#include "DiskSteps.h"
 #include "FuzzSupport.h"
 
 #include <algorithm>
@@ -110,6 +113,48 @@ void check(TSFileStorage& series, const Model& model, FuzzedDataProvider& in)
         fuzz::fail("find");
 }
 
+// The read between two disk steps of an operation.
+struct StepReader {
+    QString dir;
+    QMetaType::Type type = QMetaType::Double;
+    const Model* before = nullptr;
+    const Model* after = nullptr;
+    int stepsLeft = 0;
+};
+StepReader stepReader;
+
+const QVariant* valueIn(const Model& model, long long ts)
+{
+    const auto at = model.find(ts);
+    return at == model.end() ? nullptr : &at->second;
+}
+
+void readBetweenSteps()
+{
+    if (--stepReader.stepsLeft != 0)
+        return;
+    TSFileStorage reader(stepReader.dir, stepReader.type, 1 << 30);
+    std::vector<Record> got;
+    int noLimit = 0;
+    reader.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, got, false,
+                           noLimit);
+    const Model& before = *stepReader.before;
+    const Model& after = *stepReader.after;
+    size_t kept = 0;
+    for (const Record& r : got) {
+        const QVariant* b = valueIn(before, r.timestamp);
+        const QVariant* a = valueIn(after, r.timestamp);
+        if (!(b && *b == r.value) && !(a && *a == r.value))
+            fuzz::fail("a reader between steps met a record of neither state");
+        kept += b && a ? 1 : 0;
+    }
+    size_t both = 0;
+    for (const auto& [ts, value] : before)
+        both += after.count(ts);
+    if (kept != both)
+        fuzz::fail("a reader between steps missed a record of both states");
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
@@ -127,14 +172,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const QMetaType::Type type = in.PickValueInArray(kTypes);
     TSFileStorage series(dir, type, in.ConsumeIntegralInRange(20, 2000));
     Model model;
+    Model next;
+    stepReader = {dir, type, &model, &next, 0};
     for (int step = 0; step < 12 && in.remaining_bytes() > 0; ++step) {
+        stepReader.stepsLeft = in.ConsumeIntegralInRange(0, 30);
+        detail::diskStepListener = stepReader.stepsLeft > 0 ? readBetweenSteps : nullptr;
+        next = model;
         if (in.ConsumeIntegralInRange(0, 4) == 0) {
             const long long a = pickTime(in);
             const long long b = pickTime(in);
             const long long lo = std::min(a, b);
             const long long hi = std::max(a, b);
+            next.erase(next.lower_bound(lo), next.upper_bound(hi));
             series.deleteDataRecords(lo, hi);
-            model.erase(model.lower_bound(lo), model.upper_bound(hi));
         } else {
             std::vector<Record> batch;
             const int n = in.ConsumeIntegralInRange(1, 60);
@@ -146,11 +196,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             // Records the tree cannot name are refused; the rest are written.
             const auto unplaceable = [](const Record& r) { return r.timestamp >= fuzz::kYear10000Ms; };
             const bool refused = std::any_of(batch.begin(), batch.end(), unplaceable);
+            std::vector<Record> placed = batch;
+            placed.erase(std::remove_if(placed.begin(), placed.end(), unplaceable), placed.end());
+            applyBatch(next, std::move(placed));
             if (series.writeDataRecords(batch, in.ConsumeBool(), in.ConsumeBool()) == refused)
                 fuzz::fail(refused ? "unplaceable record accepted" : "write refused");
-            batch.erase(std::remove_if(batch.begin(), batch.end(), unplaceable), batch.end());
-            applyBatch(model, std::move(batch));
         }
+        detail::diskStepListener = nullptr;
+        model = next;
         check(series, model, in);
     }
     return 0;

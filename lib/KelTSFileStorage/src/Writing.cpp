@@ -9,6 +9,7 @@
 #include "TSFileStorage.h"
 
 #include "Calendar.h"
+#include "DiskSteps.h"
 #include "Logging.h"
 #include "RecordFile.h"
 
@@ -156,6 +157,8 @@ private:
         if (isNew)
             storage.checkDirectory(file.info().absoluteDir());
         if (file.openToChange(QIODevice::ReadWrite)) {
+            if (isNew)
+                detail::diskStepDone();  // an empty file now stands in the tree
             dropPartialRecord();
             return true;
         }
