@@ -62,11 +62,11 @@ void removeDirectoryAtOnce(const QString& dir)
     detail::diskStepDone();
 }
 
-// The names of the tree (2 or 4 characters) in a directory.
+// The names in a directory that lookups see: 2 or 4 characters, not hidden.
 QStringList treeNames(const QString& dir)
 {
     static const QStringList filters{QStringLiteral("??"), QStringLiteral("????")};
-    return QDir(dir).entryList(filters, QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot | QDir::Hidden);
+    return QDir(dir).entryList(filters, QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot);
 }
 
 // The directories that hold no file of the tree once the doomed files are
@@ -80,7 +80,9 @@ QStringList directoriesEmptiedBy(const QStringList& doomed, const std::set<QStri
     std::set<QString> emptied;
     std::set<QString> candidates = dirs;
     while (!candidates.empty()) {
-        const QString dir = *candidates.rbegin();  // deepest first: longer paths sort after their parents
+        // The last in order first: a directory sorts before everything in
+        // it, so it is looked at after all of its emptied subdirectories.
+        const QString dir = *candidates.rbegin();
         candidates.erase(dir);
         if (dir.size() + 1 <= base.size() || emptied.count(dir))
             continue;
