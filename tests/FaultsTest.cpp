@@ -306,7 +306,7 @@ TEST_F(FullDisk, FailedAppendAndInsertKeepEveryStoredRecord)
 // than the read before.
 TEST_F(Faults, ReaderBesideAnAppendingProcessSeesAGrowingPrefix)
 {
-    for (int maxFileSize : {1 << 30, 4000}) {
+    for (int maxFileSize : {1 << 30, 4000, 1000}) {
         SCOPED_TRACE(maxFileSize);
         QTemporaryDir dir;
         TSFileStorage reader(dir.path(), QMetaType::Double, maxFileSize);

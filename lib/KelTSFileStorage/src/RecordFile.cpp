@@ -117,17 +117,31 @@ bool RecordFile::open(QIODevice::OpenMode mode)
 {
     if (recordLayout.variable)
         finishRewrite(fileInfo.filePath());
-    if (!storage.openFile(file, mode))
+    if (file.open(mode)) {
+        fileSize = file.size();
+        return true;
+    }
+    // A directory at the path is a split that the writer swapped in since
+    // the lookup; waiting will not make it a file again. Anything else may
+    // be a file that another process holds for a moment.
+    if (QFileInfo(fileInfo.filePath()).isDir())
         return false;
-    fileSize = file.size();
-    return true;
+    return openAsIs(mode);
 }
 
 bool RecordFile::openToChange(QIODevice::OpenMode mode)
 {
     if (recordLayout.variable)
         recoverRewrite(fileInfo.filePath());
-    return open(mode);
+    return openAsIs(mode);
+}
+
+bool RecordFile::openAsIs(QIODevice::OpenMode mode)
+{
+    if (!storage.openFile(file, mode))
+        return false;
+    fileSize = file.size();
+    return true;
 }
 
 void RecordFile::close()

@@ -11,6 +11,7 @@
 #include <QFile>
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace Kel {
@@ -56,6 +57,7 @@ public:
     // A reader must not: for it, that may be a replacement under way.
     bool openToChange(QIODevice::OpenMode mode);
     void close();
+    bool isOpen() const { return file.isOpen(); }
 
     const TSFileInfo& info() const { return fileInfo; }
     const RecordLayout& layout() const { return recordLayout; }
@@ -97,6 +99,7 @@ public:
     bool dropTail();
 
 private:
+    bool openAsIs(QIODevice::OpenMode mode);
     bool readBytes(qint64 offset, char* out, qint64 n);
     // Reads [from, from + n) a buffer at a time and hands each to chunk(p,
     // done, size); stops early (returning -1) when chunk returns false.
@@ -114,6 +117,26 @@ private:
     std::unique_ptr<uchar, FreeDeleter> buffer;
     qint64 bufferRecords = 0;
 };
+
+// Opens for reading the storage file that lookup() names. The writer may
+// split that file between the lookup and the open, leaving a directory that
+// holds its records at its path: the lookup is then made again, at most once
+// per level of the tree. Returns the info of the file it tried last (not
+// found() when there is none); file holds it, open when it could be opened.
+template <typename Lookup>
+TSFileInfo openLookedUp(std::optional<RecordFile>& file, TSFileStorage& storage, Lookup lookup)
+{
+    TSFileInfo info;
+    for (int level = TSFileInfo::DEPTH_YEAR; level <= TSFileInfo::DEPTH_MINUTE; ++level) {
+        info = lookup();
+        if (!info.found())
+            break;
+        file.emplace(storage, info);
+        if (file->open(QIODevice::ReadOnly) || !QFileInfo(info.filePath()).isDir())
+            break;
+    }
+    return info;
+}
 
 // Where a rewritten file's new contents are written before they replace it.
 QString rewritePath(const QString& path);
