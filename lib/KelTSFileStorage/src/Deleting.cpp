@@ -128,8 +128,16 @@ void removeWithSideFile(const QString& path)
     detail::diskStepDone();
 }
 
+void logReadFailure(const QString& path)
+{
+    detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not read '%1' (deleteDataRecords)"), __LINE__)
+        .arg(path)
+        .endl();
+}
+
 // Writes the records of a partly covered file that lie outside [start, end]
-// anew. Returns false when none of them is kept (the whole file goes).
+// anew. Returns false when none of them is kept (the whole file goes). A file
+// whose records cannot all be read stays as it is.
 bool keepOutside(detail::RecordFile& file, long long start, long long end)
 {
     const qint64 count = file.count();
@@ -143,8 +151,11 @@ bool keepOutside(detail::RecordFile& file, long long start, long long end)
     const detail::RecordLayout& layout = file.layout();
     if (!layout.variable) {
         QByteArray kept((count - (last - first)) * layout.stride, Qt::Uninitialized);
-        file.readRaw(0, first, kept.data());
-        file.readRaw(last, count - last, kept.data() + first * layout.stride);
+        if (!file.readRaw(0, first, kept.data()) ||
+            !file.readRaw(last, count - last, kept.data() + first * layout.stride)) {
+            logReadFailure(file.path());
+            return true;
+        }
         if (!detail::replaceFile(file.path(), kept))
             detail::storageLog(detail::LOG_FAILURE,
                                QStringLiteral("Could not open '%1' for write (deleteDataRecords)"), __LINE__)
@@ -155,8 +166,11 @@ bool keepOutside(detail::RecordFile& file, long long start, long long end)
     // Variable values: the kept records get a side file of their own values
     // only, as a reorganisation would leave it.
     std::vector<Record> records(size_t(count - (last - first)));
-    file.readRecords(0, first, records.data());
-    file.readRecords(last, count - last, records.data() + first);
+    if (file.readRecords(0, first, records.data()) != first ||
+        file.readRecords(last, count - last, records.data() + first) != count - last) {
+        logReadFailure(file.path());
+        return true;
+    }
     detail::VarBuffer var;
     const detail::RecordEncoder encoder(layout, file.base(), &var);
     QByteArray data;

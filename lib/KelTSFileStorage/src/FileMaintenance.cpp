@@ -232,8 +232,14 @@ try
             .endl();
         return;
     }
+    // Records that cannot be read are not given up for a smaller side file.
     std::vector<Interpolate::DataRecord> records(size_t(source.count()));
-    records.resize(size_t(source.readRecords(0, source.count(), records.data())));
+    if (source.readRecords(0, source.count(), records.data()) != source.count()) {
+        detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not read '%1' (reorgVarFile)"), __LINE__)
+            .arg(path)
+            .endl();
+        return;
+    }
     source.close();
 
     detail::VarBuffer var;

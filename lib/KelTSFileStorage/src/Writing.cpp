@@ -331,7 +331,8 @@ private:
         uchar record[16];
         for (const Placement& p : places) {
             if (p.stored) {
-                file.readRaw(p.index, 1, reinterpret_cast<char*>(record));
+                if (!file.readRaw(p.index, 1, reinterpret_cast<char*>(record)))
+                    return false;
                 Slot slot(record, true);
                 applyRun(p.run, p.runEnd, slot);
                 if (slot.written) {
@@ -354,8 +355,10 @@ private:
     {
         const int stride = file.layout().stride;
         const qint64 count = file.count();
+        // A file whose records cannot all be read is not written anew.
         QByteArray old(count * stride, Qt::Uninitialized);
-        file.readRaw(0, count, old.data());
+        if (!file.readRaw(0, count, old.data()))
+            return false;
         QByteArray out((count + qint64(places.size())) * stride, Qt::Uninitialized);
         qsizetype used = 0;
         qint64 copied = 0;
