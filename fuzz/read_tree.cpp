@@ -213,6 +213,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             int limit = in.ConsumeIntegralInRange(0, 50);
             if (param.interval != 0 && limit == 0)
                 limit = 500;  // a condensed read over centuries is big, not wrong
+            if (qEnvironmentVariableIsSet("KELTS_FUZZ_LOG"))
+                std::fprintf(stderr, "read %s interval %lld align %d offset %d from %lld to %lld limit %d\n",
+                             qPrintable(param.method), param.interval, param.alignStartEndTimestamp,
+                             param.offsetMinFromUTC, t, end, limit);
             series.readDataRecords(param, {}, t, end, out, in.ConsumeBool(), limit);
             series.getCount(param, {}, t, end, true, in.ConsumeBool(), in.ConsumeBool());
         }
