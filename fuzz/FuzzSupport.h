@@ -1,7 +1,7 @@
 // Shared by the fuzz targets: a scratch directory that each input starts from
 // empty, a logger that drops every line (the library logs each fault it
-// meets, and printing them would slow a run many times over), and the pieces
-// of a series that the targets pick from the input.
+// meets, and printing them would slow a run many times over), and the value
+// types and time bounds that the targets pick from.
 #pragma once
 
 #include "KelLogger.h"
@@ -27,16 +27,16 @@ namespace Kel::fuzz {
     std::abort();
 }
 
-// KELTS_FUZZ_LOG=1 prints them instead, to follow one input. Qt's own
-// warnings about corrupt serialised values go too.
+// The library's log lines and Qt's own warnings (about corrupt serialised
+// values) are dropped; KELTS_FUZZ_LOG=1 prints them, to follow one input.
 inline void quietLogs()
 {
-    if (!qEnvironmentVariableIsSet("KELTS_FUZZ_LOG"))
-        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
-    if (qEnvironmentVariableIsSet("KELTS_FUZZ_LOG"))
+    if (qEnvironmentVariableIsSet("KELTS_FUZZ_LOG")) {
         Logger::instance().setSink([](const LogEntry& e) { std::fprintf(stderr, "log: %s\n", qPrintable(e.message)); });
-    else
-        Logger::instance().setSink([](const LogEntry&) {});
+        return;
+    }
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+    Logger::instance().setSink([](const LogEntry&) {});
 }
 
 // The process's scratch directory, emptied. It lies in /dev/shm when there
