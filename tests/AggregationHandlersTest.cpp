@@ -247,3 +247,23 @@ TEST_F(AggregationHandlers, PerRecordPathAllocatesNothing)
 }
 
 } // namespace
+
+// An engine that is given no record (a file whose records lie outside its
+// period can do that to a read) passes over the empty intervals of a filled
+// read at once: one by one, eight millennia of minutes never ended.
+TEST(AggregationHandlersLongRange, FilledSamplingWithoutRecordsEndsAtOnce)
+{
+    const long long start = ms("1000-01-01T00:00:00Z");
+    const long long end = ms("9000-01-01T00:00:00Z");
+    for (const char* method : {"prevFill", "nextFill", "prevNextFillNull"}) {
+        std::vector<DataRecord> out;
+        int limit = 40;
+        Interpolate engine(request(method, 60), {}, start, end, start, end, &out, QMetaType::Double, false, limit,
+                           false);
+        long long readStart = 0;
+        long long readEnd = 0;
+        engine.getRange(readStart, readEnd);
+        engine.finalize();
+        EXPECT_EQ(show(out), "") << method;
+    }
+}

@@ -173,3 +173,19 @@ TEST_F(TreeLookup, InstantsOutsideTheYearsOfTheTreeFindNothing)
     EXPECT_TRUE(tree.findFile(std::numeric_limits<long long>::min()).filePath().isEmpty());
     EXPECT_EQ(rel(tree.findFile(-1)), QStringLiteral("1969"));
 }
+
+// A name that is no date (month 20) has no period; the walk moves on by the
+// names on disk and ends, where it used to start over from 1970 for ever.
+TEST_F(TreeLookup, WalkPastANameThatIsNoDateEnds)
+{
+    touch(at("3820/20"));
+    touch(at("5702/05/19/07"));
+    TSFileInfo info = tree.findFirstFile();
+    ASSERT_EQ(rel(info), QStringLiteral("3820/20"));
+    info = tree.findNextFile(info);
+    ASSERT_EQ(rel(info), QStringLiteral("5702/05/19/07"));
+    EXPECT_FALSE(tree.findNextFile(info).found());
+    info = tree.findPrevFile(info);
+    ASSERT_EQ(rel(info), QStringLiteral("3820/20"));
+    EXPECT_FALSE(tree.findPrevFile(info).found());
+}

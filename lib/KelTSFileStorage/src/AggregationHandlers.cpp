@@ -114,6 +114,13 @@ const DataRecord* heldAt(const Interpolate& e, const DataRecord& record, bool ha
 void closeSampledIntervals(Interpolate& e, DataRecord&& record, long long ts, Sample sample)
 {
     const bool hasValue = record.value.isValid();  // false for finalize's closing record
+    // With no record held yet and none following, the intervals that end
+    // before ts yield nothing, filled or not: they are passed over at once
+    // rather than one by one, which over a long range never ends.
+    const bool yields = (sample != Sample::Following && e.previousRecord.value.isValid()) ||
+                        (sample != Sample::Held && hasValue);
+    if (!yields)
+        skipIntervalsThrough(e, ts - 1);
     while (ts >= e.intervalNext) {
         const long long end = e.intervalNext;
         const bool hasData = previousRecordInCurrentInterval(e);

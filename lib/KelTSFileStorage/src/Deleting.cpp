@@ -1,15 +1,22 @@
 // Deleting the records of a closed time range: whole files go with their
 // side files, partly covered files are written anew without the deleted
 // records, and directories left empty are removed, walking upwards.
+//
+// A directory without a file of the tree ends every walk over the tree, so
+// that the records after it could no longer be found. A directory that a
+// delete empties is therefore taken out of the tree in one rename before it
+// is removed, and never stands empty, whenever the process stops.
 
 #include "TSFileStorage.h"
 
+#include "DiskSteps.h"
 #include "Logging.h"
 #include "MarkerStorage.h"
 #include "RecordFile.h"
 
 #include <QDir>
 
+#include <cstdio>
 #include <set>
 
 namespace Kel {
@@ -30,7 +37,78 @@ void removeEmptyUpwards(QDir dir)
         const QString name = dir.dirName();
         if (!dir.cdUp() || !dir.rmdir(name))
             return;
+        detail::diskStepDone();
     }
+}
+
+// Where a directory goes for its removal: a name no lookup sees.
+QString asidePath(const QString& dir)
+{
+    return dir + QStringLiteral(".deleted");
+}
+
+// Removes a directory after taking it out of the tree in one rename.
+void removeDirectoryAtOnce(const QString& dir)
+{
+    const QString aside = asidePath(dir);
+    QDir(aside).removeRecursively();  // left by a run that was stopped
+    if (std::rename(QFile::encodeName(dir).constData(), QFile::encodeName(aside).constData()) != 0) {
+        QDir(dir).removeRecursively();
+        detail::diskStepDone();
+        return;
+    }
+    detail::diskStepDone();
+    QDir(aside).removeRecursively();
+    detail::diskStepDone();
+}
+
+// The names in a directory that lookups see: 2 or 4 characters, not hidden.
+QStringList treeNames(const QString& dir)
+{
+    static const QStringList filters{QStringLiteral("??"), QStringLiteral("????")};
+    return QDir(dir).entryList(filters, QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot);
+}
+
+// The directories that hold no file of the tree once the doomed files are
+// gone, up to (not including) the series' base directory; only the highest
+// of each branch is listed.
+QStringList directoriesEmptiedBy(const QStringList& doomed, const std::set<QString>& dirs, const QString& base)
+{
+    std::set<QString> gone;
+    for (const QString& path : doomed)
+        gone.insert(QFileInfo(path).absoluteFilePath());
+    std::set<QString> emptied;
+    std::set<QString> candidates = dirs;
+    while (!candidates.empty()) {
+        // The last in order first: a directory sorts before everything in
+        // it, so it is looked at after all of its emptied subdirectories.
+        const QString dir = *candidates.rbegin();
+        candidates.erase(dir);
+        if (dir.size() + 1 <= base.size() || emptied.count(dir))
+            continue;
+        bool empty = true;
+        for (const QString& name : treeNames(dir))
+            empty = empty && gone.count(dir + u'/' + name) > 0;
+        if (!empty)
+            continue;
+        emptied.insert(dir);
+        gone.insert(dir);
+        candidates.insert(QFileInfo(dir).absolutePath());
+    }
+    QStringList highest;
+    for (const QString& dir : emptied)
+        if (!emptied.count(QFileInfo(dir).absolutePath()))
+            highest.append(dir);
+    return highest;
+}
+
+bool insideAny(const QString& path, const QStringList& dirs)
+{
+    const QString absolute = QFileInfo(path).absoluteFilePath();
+    for (const QString& dir : dirs)
+        if (absolute.startsWith(dir + u'/'))
+            return true;
+    return false;
 }
 
 void removeWithSideFile(const QString& path)
@@ -39,15 +117,27 @@ void removeWithSideFile(const QString& path)
         detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not remove '%1'"), __LINE__)
             .arg(path)
             .endl();
+    detail::diskStepDone();
     const QString var = path + QStringLiteral(".var");
-    if (QFileInfo::exists(var) && !QFile::remove(var))
+    if (!QFileInfo::exists(var))
+        return;
+    if (!QFile::remove(var))
         detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not remove '%1'"), __LINE__)
             .arg(var)
             .endl();
+    detail::diskStepDone();
+}
+
+void logReadFailure(const QString& path)
+{
+    detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not read '%1' (deleteDataRecords)"), __LINE__)
+        .arg(path)
+        .endl();
 }
 
 // Writes the records of a partly covered file that lie outside [start, end]
-// anew. Returns false when none of them is kept (the whole file goes).
+// anew. Returns false when none of them is kept (the whole file goes). A file
+// whose records cannot all be read stays as it is.
 bool keepOutside(detail::RecordFile& file, long long start, long long end)
 {
     const qint64 count = file.count();
@@ -61,8 +151,11 @@ bool keepOutside(detail::RecordFile& file, long long start, long long end)
     const detail::RecordLayout& layout = file.layout();
     if (!layout.variable) {
         QByteArray kept((count - (last - first)) * layout.stride, Qt::Uninitialized);
-        file.readRaw(0, first, kept.data());
-        file.readRaw(last, count - last, kept.data() + first * layout.stride);
+        if (!file.readRaw(0, first, kept.data()) ||
+            !file.readRaw(last, count - last, kept.data() + first * layout.stride)) {
+            logReadFailure(file.path());
+            return true;
+        }
         if (!detail::replaceFile(file.path(), kept.constData(), kept.size()))
             detail::storageLog(detail::LOG_FAILURE,
                                QStringLiteral("Could not open '%1' for write (deleteDataRecords)"), __LINE__)
@@ -73,8 +166,11 @@ bool keepOutside(detail::RecordFile& file, long long start, long long end)
     // Variable values: the kept records get a side file of their own values
     // only, as a reorganisation would leave it.
     std::vector<Record> records(size_t(count - (last - first)));
-    file.readRecords(0, first, records.data());
-    file.readRecords(last, count - last, records.data() + first);
+    if (file.readRecords(0, first, records.data()) != first ||
+        file.readRecords(last, count - last, records.data() + first) != count - last) {
+        logReadFailure(file.path());
+        return true;
+    }
     detail::VarBuffer var;
     const detail::RecordEncoder encoder(layout, file.base(), &var);
     QByteArray data;
@@ -105,7 +201,7 @@ try
         // The whole series goes, and every directory above it that is left
         // empty.
         QDir dir(storage->baseDir);
-        dir.removeRecursively();
+        removeDirectoryAtOnce(dir.absolutePath());
         if (dir.cdUp())
             removeEmptyUpwards(dir);
         return true;
@@ -130,7 +226,7 @@ try
             continue;
         }
         detail::RecordFile file(*storage.get(), info);
-        if (!file.open(QIODevice::ReadOnly)) {
+        if (!file.openToChange(QIODevice::ReadOnly)) {
             detail::storageLog(detail::LOG_FAILURE,
                                QStringLiteral("Could not open '%1' for read (deleteDataRecords)"), __LINE__)
                 .arg(info.filePath())
@@ -151,10 +247,17 @@ try
             break;
     }
 
+    const QStringList emptied =
+        directoriesEmptiedBy(doomed, dirsToTidy, QDir(storage->baseDir).absolutePath() + u'/');
+    for (const QString& dir : emptied)
+        removeDirectoryAtOnce(dir);
     for (const QString& path : doomed)
-        removeWithSideFile(path);
+        if (!insideAny(path, emptied))
+            removeWithSideFile(path);
     for (const QString& path : dirsToTidy)
         removeEmptyUpwards(QDir(path));
+    for (const QString& dir : emptied)
+        removeEmptyUpwards(QDir(QFileInfo(dir).absolutePath()));
     return true;
 } catch (...) {
     detail::logCaughtException("deleteDataRecords");

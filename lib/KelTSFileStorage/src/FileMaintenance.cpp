@@ -7,6 +7,7 @@
 #include "TSFileStorage.h"
 
 #include "Calendar.h"
+#include "DiskSteps.h"
 #include "Logging.h"
 #include "RecordFile.h"
 
@@ -40,18 +41,35 @@ bool replaceFileByDirectory(const QString& dirPath, const QString& filePath)
     const QByteArray dir = QFile::encodeName(dirPath);
     const QByteArray file = QFile::encodeName(filePath);
     if (::renameat2(AT_FDCWD, dir.constData(), AT_FDCWD, file.constData(), RENAME_EXCHANGE) == 0) {
+        detail::diskStepDone();
         QFile::remove(dirPath);  // now the old file
+        detail::diskStepDone();
         return true;
     }
     const QByteArray aside = file + ".old";
     if (std::rename(file.constData(), aside.constData()) != 0)
         return false;
+    detail::diskStepDone();
     if (std::rename(dir.constData(), file.constData()) != 0) {
         std::rename(aside.constData(), file.constData());
         return false;
     }
+    detail::diskStepDone();
     std::remove(aside.constData());
+    detail::diskStepDone();
     return true;
+}
+
+// A split stopped right after the swap leaves the old file beside the new
+// directory, under the name of the work directory. No lookup sees it, and
+// every record in it is in the directory; it goes at the next write there.
+void removeFileLeftBySplit(const TSFileInfo& info)
+{
+    if (info.getDirDepth() == TSFileInfo::DEPTH_YEAR)
+        return;
+    const QString left = info.absolutePath() + QStringLiteral(".split");
+    if (QFileInfo(left).isFile())
+        QFile::remove(left);
 }
 
 } // namespace
@@ -137,6 +155,7 @@ private:
         bool ok = !var || var->flush();
         ok = writePending() && ok;
         file->close();
+        detail::diskStepDone();
         file.reset();
         return ok;
     }
@@ -161,11 +180,12 @@ bool TSFileStorage::checkMaxFileSize(QFile* file, TSFileInfo info)
 try
 {
     const QString path = file->fileName();
+    removeFileLeftBySplit(info);
     if (!splitIsDue(path, maxFileSize) || info.getDirDepth() >= TSFileInfo::DEPTH_MINUTE)
         return false;
 
     detail::RecordFile source(*this, info);
-    if (!source.open(QIODevice::ReadOnly)) {
+    if (!source.openToChange(QIODevice::ReadOnly)) {
         detail::storageLog(detail::LOG_FAILURE,
                            QStringLiteral("Could not open '%1' for read (checkMaxFileSize)"), __LINE__)
             .arg(path)
@@ -173,7 +193,11 @@ try
         return false;
     }
 
+    // A split that was stopped leaves its work directory behind, or, when it
+    // stopped right after the swap, the old file under that name.
     const QString workDir = path + QStringLiteral(".split");
+    if (QFileInfo(workDir).isFile())
+        QFile::remove(workDir);
     QDir(workDir).removeRecursively();
     QDir().mkpath(workDir);
     FileSplitter splitter(*this, source, workDir);
@@ -197,6 +221,7 @@ try
         return false;
     }
     QFile::remove(path + QStringLiteral(".var"));
+    detail::diskStepDone();
     return true;
 } catch (...) {
     detail::logCaughtException("checkMaxFileSize");
@@ -212,15 +237,21 @@ try
         .endl();
 
     detail::RecordFile source(*this, info);
-    if (!source.open(QIODevice::ReadOnly)) {
+    if (!source.openToChange(QIODevice::ReadOnly)) {
         detail::storageLog(detail::LOG_FAILURE,
                            QStringLiteral("Could not open '%1' for read (reorgVarFile)"), __LINE__)
             .arg(path)
             .endl();
         return;
     }
+    // Records that cannot be read are not given up for a smaller side file.
     std::vector<Interpolate::DataRecord> records(size_t(source.count()));
-    records.resize(size_t(source.readRecords(0, source.count(), records.data())));
+    if (source.readRecords(0, source.count(), records.data()) != source.count()) {
+        detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not read '%1' (reorgVarFile)"), __LINE__)
+            .arg(path)
+            .endl();
+        return;
+    }
     source.close();
 
     detail::VarBuffer var;

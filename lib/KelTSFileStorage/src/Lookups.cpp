@@ -13,11 +13,17 @@ namespace Kel {
 
 namespace {
 
-bool openForLookup(detail::RecordFile& file, const QString& failure, int line)
+// Opens the file that lookup() names; a file that cannot be opened is logged.
+template <typename Lookup>
+bool openForLookup(std::optional<detail::RecordFile>& file, TSFileStorage& storage, Lookup lookup,
+                   const QString& failure, int line)
 {
-    if (file.open(QIODevice::ReadOnly))
+    const TSFileInfo info = detail::openLookedUp(file, storage, nullptr, lookup);
+    if (!info.found())
+        return false;
+    if (file->isOpen())
         return true;
-    detail::storageLog(detail::LOG_FAILURE, failure, line).arg(file.path()).endl();
+    detail::storageLog(detail::LOG_FAILURE, failure, line).arg(info.filePath()).endl();
     return false;
 }
 
@@ -26,15 +32,13 @@ bool openForLookup(detail::RecordFile& file, const QString& failure, int line)
 bool TSFileStorage::getFirstDataRecord(Interpolate::DataRecord& rec)
 try
 {
-    const TSFileInfo info = findFirstFile();
-    if (!info.found())
-        return false;
-    detail::RecordFile file(*this, info);
-    if (!openForLookup(file, QStringLiteral("Could not open '%1' for read (getFirstDataRecord)"), 499))
+    std::optional<detail::RecordFile> file;
+    if (!openForLookup(file, *this, [this] { return findFirstFile(); },
+                       QStringLiteral("Could not open '%1' for read (getFirstDataRecord)"), 499))
         return false;
     // An empty file reads as a record at the file's base, as a read past
     // the end always has.
-    rec = file.count() > 0 ? file.recordAt(0) : Interpolate::DataRecord{file.base(), QVariant()};
+    rec = file->count() > 0 ? file->recordAt(0) : Interpolate::DataRecord{file->base(), QVariant()};
     return true;
 } catch (...) {
     detail::logCaughtException("getFirstDataRecord");
@@ -44,14 +48,12 @@ try
 bool TSFileStorage::getLastDataRecord(Interpolate::DataRecord& rec)
 try
 {
-    const TSFileInfo info = findLastFile();
-    if (!info.found())
+    std::optional<detail::RecordFile> file;
+    if (!openForLookup(file, *this, [this] { return findLastFile(); },
+                       QStringLiteral("Could not open '%1' for read (getLastDataRecord)"), 526))
         return false;
-    detail::RecordFile file(*this, info);
-    if (!openForLookup(file, QStringLiteral("Could not open '%1' for read (getLastDataRecord)"), 526))
-        return false;
-    rec = file.count() > 0 ? file.recordAt(file.count() - 1)
-                           : Interpolate::DataRecord{file.base(), QVariant()};
+    rec = file->count() > 0 ? file->recordAt(file->count() - 1)
+                            : Interpolate::DataRecord{file->base(), QVariant()};
     return true;
 } catch (...) {
     detail::logCaughtException("getLastDataRecord");
@@ -61,14 +63,12 @@ try
 bool TSFileStorage::findDataRecord(long long ts, Interpolate::DataRecord& rec)
 try
 {
-    const TSFileInfo info = findFile(ts);
-    if (!info.found())
+    std::optional<detail::RecordFile> file;
+    if (!openForLookup(file, *this, [this, ts] { return findFile(ts); },
+                       QStringLiteral("Could not open '%1' for read (findDataRecord)"), 605))
         return false;
-    detail::RecordFile file(*this, info);
-    if (!openForLookup(file, QStringLiteral("Could not open '%1' for read (findDataRecord)"), 605))
-        return false;
-    const qint64 index = file.probe(ts);
-    rec = index >= 0 ? file.recordAt(index) : Interpolate::DataRecord{file.base(), QVariant()};
+    const qint64 index = file->probe(ts);
+    rec = index >= 0 ? file->recordAt(index) : Interpolate::DataRecord{file->base(), QVariant()};
     return rec.timestamp == ts;
 } catch (...) {
     detail::logCaughtException("findDataRecord");
@@ -79,23 +79,21 @@ bool TSFileStorage::findPrevDataRecord(long long ts, Interpolate::DataRecord& re
 try
 {
     const long long t = ts - 1;
-    TSFileInfo info = findFile(t);
-    if (!info.found()) {
-        info = findPrevFile(info);
-        if (!info.found())
-            return false;
-    }
-    detail::RecordFile file(*this, info);
-    if (!openForLookup(file, QStringLiteral("Could not open '%1' for read (findPrevDataRecord)"), 559))
+    const auto lookup = [this, t] {
+        const TSFileInfo info = findFile(t);
+        return info.found() ? info : findPrevFile(info);
+    };
+    std::optional<detail::RecordFile> file;
+    if (!openForLookup(file, *this, lookup, QStringLiteral("Could not open '%1' for read (findPrevDataRecord)"), 559))
         return false;
-    const qint64 index = file.probe(t);
-    rec = index >= 0 ? file.recordAt(index) : Interpolate::DataRecord{file.base(), QVariant()};
+    const qint64 index = file->probe(t);
+    rec = index >= 0 ? file->recordAt(index) : Interpolate::DataRecord{file->base(), QVariant()};
     // The record before the probed one is taken only when it is not below t;
     // in a sorted file it is, so the probed record stays. This is how the
     // lookup has always answered: the last record at or before t when the
     // search ends below t, otherwise the first record at or after it.
     if (rec.timestamp > t && index >= 1) {
-        Interpolate::DataRecord before = file.recordAt(index - 1);
+        Interpolate::DataRecord before = file->recordAt(index - 1);
         if (before.timestamp >= t)
             rec = std::move(before);
     }
@@ -146,18 +144,22 @@ namespace Kel::detail {
 
 bool lastRecordBefore(TSFileStorage& storage, long long ts, Interpolate::DataRecord& rec)
 {
-    TSFileInfo info = storage.findFile(ts - 1);
-    if (!info.found())
-        info = storage.findPrevFile(info);
-    for (; info.found(); info = storage.findPrevFile(info)) {
-        RecordFile file(storage, info);
-        if (!openForLookup(file, QStringLiteral("Could not open '%1' for read (findPrevDataRecord)"), 559))
-            continue;
-        const qint64 index = file.lowerBound(ts) - 1;
-        if (index >= 0) {
-            rec = file.recordAt(index);
+    std::optional<RecordFile> file;
+    TSFileInfo info = openLookedUp(file, storage, nullptr, [&] {
+        const TSFileInfo at = storage.findFile(ts - 1);
+        return at.found() ? at : storage.findPrevFile(at);
+    });
+    while (info.found()) {
+        if (!file->isOpen()) {
+            storageLog(LOG_FAILURE, QStringLiteral("Could not open '%1' for read (findPrevDataRecord)"), 559)
+                .arg(info.filePath())
+                .endl();
+        } else if (const qint64 index = file->lowerBound(ts) - 1; index >= 0) {
+            rec = file->recordAt(index);
             return true;
         }
+        const TSFileInfo done = info;
+        info = openLookedUp(file, storage, nullptr, [&] { return storage.findPrevFile(done); });
     }
     return false;
 }

@@ -13,6 +13,7 @@
 #include "RecordFile.h"
 
 #include <algorithm>
+#include <utility>
 #include <unordered_set>
 
 namespace Kel {
@@ -21,12 +22,9 @@ using Record = Interpolate::DataRecord;
 
 namespace {
 
-bool openForRead(detail::RecordFile& file, const QString& failure, int line)
+void logOpenFailure(const TSFileInfo& info, const QString& failure, int line)
 {
-    if (file.open(QIODevice::ReadOnly))
-        return true;
-    detail::storageLog(detail::LOG_FAILURE, failure, line).arg(file.path()).endl();
-    return false;
+    detail::storageLog(detail::LOG_FAILURE, failure, line).arg(info.filePath()).endl();
 }
 
 // Adds the values of the records from p on to the engine's current interval
@@ -64,15 +62,20 @@ public:
 
     void run()
     {
-        TSFileInfo info = storage.findFile(readStart);
-        if (!info.found())
-            info = storage.findNextFile(info);
-        for (; info.found() && !stopped; info = storage.findNextFile(info)) {
-            detail::RecordFile file(storage, info, &blocks);
-            if (!openForRead(file, QStringLiteral("Could not open '%1' for read (readDataRecords)"), 1011))
-                continue;
-            const qint64 from = file.base() >= readStart ? 0 : file.lowerBound(readStart);
-            readFile(file, from);
+        std::optional<detail::RecordFile> file;
+        TSFileInfo info = detail::openLookedUp(file, storage, &blocks, [this] {
+            const TSFileInfo at = storage.findFile(readStart);
+            return at.found() ? at : storage.findNextFile(at);
+        });
+        while (info.found()) {
+            if (file->isOpen())
+                readFile(*file, file->base() >= readStart ? 0 : file->lowerBound(readStart));
+            else
+                logOpenFailure(info, QStringLiteral("Could not open '%1' for read (readDataRecords)"), 1011);
+            if (stopped)
+                return;
+            const TSFileInfo done = info;
+            info = detail::openLookedUp(file, storage, &blocks, [&] { return storage.findNextFile(done); });
         }
     }
 
@@ -161,7 +164,7 @@ long long rawCount(TSFileStorage& storage, long long start, long long end)
     TSFileInfo info = storage.findFile(start);
     if (!info.found())
         info = storage.findNextFile(info);
-    for (; info.found(); info = storage.findNextFile(info)) {
+    while (info.found()) {
         const long long base = info.getBaseTsMs();
         if (base > end)
             break;
@@ -169,12 +172,25 @@ long long rawCount(TSFileStorage& storage, long long start, long long end)
         if (base >= start && info.getPeriodEndTsMs() - 1 <= end) {
             // The whole period lies inside the range: the size tells.
             total += info.size() / layout.stride;
-            continue;
+        } else {
+            // A file at either end is opened; should the writer split it
+            // meanwhile, the file of its first instant in range is counted.
+            std::optional<detail::RecordFile> file;
+            bool first = true;
+            info = detail::openLookedUp(file, storage, nullptr, [&] {
+                if (std::exchange(first, false))
+                    return info;
+                const TSFileInfo at = storage.findFile(std::max(start, base));
+                return at.found() ? at : storage.findNextFile(at);
+            });
+            if (!info.found())
+                break;
+            if (file->isOpen())
+                total += file->upperBound(end) - file->lowerBound(start);
+            else
+                logOpenFailure(info, QStringLiteral("Could not open '%1' for read (getCount)"), 797);
         }
-        detail::RecordFile file(storage, info);
-        if (!openForRead(file, QStringLiteral("Could not open '%1' for read (getCount)"), 797))
-            continue;
-        total += file.upperBound(end) - file.lowerBound(start);
+        info = storage.findNextFile(info);
     }
     return total;
 }

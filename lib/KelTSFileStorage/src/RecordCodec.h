@@ -179,15 +179,20 @@ public:
     VarFileReader(const VarFileReader&) = delete;
     VarFileReader& operator=(const VarFileReader&) = delete;
 
+    // The value at a position; a position past the end or a corrupt value
+    // gives an invalid QVariant and is logged.
     QVariant valueAt(qint32 position);
 
 private:
+    QVariant unreadable(qint32 position, const char* why);
+
     TSFileStorage& storage;
     QString path;
     std::unique_ptr<QFile> file;
     std::unique_ptr<QDataStream> stream;
     qint64 size = 0;  // as last asked; a writer may append meanwhile
     bool failed = false;
+    bool reported = false;
 };
 
 // Where encoded records put the values of variable types: each value is

@@ -3,6 +3,7 @@
 
 #include "RecordFile.h"
 
+#include "DiskSteps.h"
 #include "TSFileStorage.h"
 
 #include <QFileInfo>
@@ -18,6 +19,8 @@
 #include <unistd.h>
 
 namespace Kel::detail {
+
+DiskStepListener diskStepListener = nullptr;
 
 namespace {
 
@@ -129,7 +132,28 @@ RecordFile::~RecordFile() = default;
 bool RecordFile::open(QIODevice::OpenMode mode)
 {
     if (recordLayout.variable)
+        finishRewrite(fileInfo.filePath());
+    if (file.open(mode)) {
+        fileSize = file.size();
+        return true;
+    }
+    // A directory at the path is a split that the writer swapped in since
+    // the lookup; waiting will not make it a file again. Anything else may
+    // be a file that another process holds for a moment.
+    if (QFileInfo(fileInfo.filePath()).isDir())
+        return false;
+    return openAsIs(mode);
+}
+
+bool RecordFile::openToChange(QIODevice::OpenMode mode)
+{
+    if (recordLayout.variable)
         recoverRewrite(fileInfo.filePath());
+    return openAsIs(mode);
+}
+
+bool RecordFile::openAsIs(QIODevice::OpenMode mode)
+{
     if (!storage.openFile(file, mode))
         return false;
     fileSize = file.size();
@@ -171,6 +195,7 @@ bool RecordFile::writeAt(qint64 byteOffset, const char* data, qint64 n)
         data += put;
         byteOffset += put;
         n -= put;
+        diskStepDone();
     }
     fileSize = std::max(fileSize, end);
     return true;
@@ -183,6 +208,7 @@ bool RecordFile::dropTail()
         return true;
     if (!file.resize(whole))
         return false;
+    diskStepDone();
     fileSize = whole;
     return true;
 }
@@ -398,6 +424,7 @@ bool writeWhole(const QString& path, const std::vector<Piece>& pieces)
         return false;
     const bool written = writePieces(out.handle(), pieces);
     out.close();
+    diskStepDone();
     return written;
 }
 
@@ -408,7 +435,9 @@ bool writeWhole(const QString& path, const QByteArray& data)
 
 bool renameOver(const QString& from, const QString& to)
 {
-    return std::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0;
+    const bool renamed = std::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0;
+    diskStepDone();
+    return renamed;
 }
 
 QString sideFileOf(const QString& path)
@@ -443,7 +472,8 @@ bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const Q
         QFile::remove(tempVar);
         return false;
     }
-    return renameOver(tempVar, sideFileOf(path));
+    // A reader that met the pair half renamed may have finished the rename.
+    return renameOver(tempVar, sideFileOf(path)) || !QFileInfo::exists(tempVar);
 }
 
 void recoverRewrite(const QString& path)
@@ -453,9 +483,16 @@ void recoverRewrite(const QString& path)
     if (QFileInfo::exists(temp)) {
         QFile::remove(temp);
         QFile::remove(tempVar);
-    } else if (QFileInfo::exists(tempVar)) {
-        renameOver(tempVar, sideFileOf(path));
+    } else {
+        finishRewrite(path);
     }
+}
+
+void finishRewrite(const QString& path)
+{
+    const QString tempVar = sideFileOf(rewritePath(path));
+    if (!QFileInfo::exists(rewritePath(path)) && QFileInfo::exists(tempVar))
+        renameOver(tempVar, sideFileOf(path));
 }
 
 } // namespace Kel::detail

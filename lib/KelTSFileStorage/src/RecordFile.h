@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace Kel {
@@ -66,8 +67,15 @@ public:
     RecordFile& operator=(const RecordFile&) = delete;
 
     // Opens through the storage's retrying open; the caller logs a failure.
+    // A replacement of the file and its side file that stopped after its
+    // first rename is completed first.
     bool open(QIODevice::OpenMode mode);
+    // The same for the series' writer, which is about to change the file: a
+    // replacement that stopped before its first rename is thrown away too.
+    // A reader must not: for it, that may be a replacement under way.
+    bool openToChange(QIODevice::OpenMode mode);
     void close();
+    bool isOpen() const { return file.isOpen(); }
 
     const TSFileInfo& info() const { return fileInfo; }
     const RecordLayout& layout() const { return recordLayout; }
@@ -120,6 +128,7 @@ public:
     bool dropTail();
 
 private:
+    bool openAsIs(QIODevice::OpenMode mode);
     bool readBytes(qint64 offset, char* out, qint64 n);
     // The block buffer, grown on use as large as that use needs, up to a
     // block; sets bufferRecords to the records it holds.
@@ -141,6 +150,27 @@ private:
     qint64 bufferRecords = 0;
 };
 
+// Opens for reading the storage file that lookup() names. The writer may
+// split that file between the lookup and the open, leaving a directory that
+// holds its records at its path: the lookup is then made again, at most once
+// per level of the tree. Returns the info of the file it tried last (not
+// found() when there is none); file holds it, open when it could be opened.
+template <typename Lookup>
+TSFileInfo openLookedUp(std::optional<RecordFile>& file, TSFileStorage& storage, BlockBuffer* blocks,
+                        Lookup lookup)
+{
+    TSFileInfo info;
+    for (int level = TSFileInfo::DEPTH_YEAR; level <= TSFileInfo::DEPTH_MINUTE; ++level) {
+        info = lookup();
+        if (!info.found())
+            break;
+        file.emplace(storage, info, blocks);
+        if (file->open(QIODevice::ReadOnly) || !QFileInfo(info.filePath()).isDir())
+            break;
+    }
+    return info;
+}
+
 // Where a rewritten file's new contents are written before they replace it.
 QString rewritePath(const QString& path);
 
@@ -160,8 +190,9 @@ bool replaceFile(const QString& path, const char* data, qint64 size);
 // written beside them first, then the storage file is renamed into place and
 // the side file after it. recoverRewrite() undoes a replacement stopped before
 // the first rename and completes one stopped after it, so that the pair always
-// comes back as either the old or the new one.
+// comes back as either the old or the new one. finishRewrite() only completes.
 bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const QByteArray& varData);
 void recoverRewrite(const QString& path);
+void finishRewrite(const QString& path);
 
 } // namespace Kel::detail

@@ -4,10 +4,12 @@
 
 #include "TSFileStorage.h"
 
+#include "DiskSteps.h"
 #include "Logging.h"
 #include "RecordCodec.h"
 
 #include <QBuffer>
+#include <QFileInfo>
 #include <QtEndian>
 
 #include <cstring>
@@ -135,6 +137,7 @@ QVariant readVariant(QDataStream& stream)
         stream >> value;
     } catch (...) {
         // A corrupt length field can ask for more memory than there is.
+        stream.setStatus(QDataStream::ReadCorruptData);
         return QVariant();
     }
     return stream.status() == QDataStream::Ok ? value : QVariant();
@@ -168,7 +171,10 @@ QVariant VarFileReader::valueAt(qint32 position)
         return QVariant();
     if (!file) {
         file = std::make_unique<QFile>(path);
-        if (!storage.openFile(*file, QIODevice::ReadOnly)) {
+        // A side file that is missing (or is no file) does not turn up by
+        // waiting: it fails at once instead of after the retries of a file
+        // that another process holds, which would stall every read of it.
+        if (!QFileInfo(path).isFile() || !storage.openFile(*file, QIODevice::ReadOnly)) {
             storageLog(LOG_FAILURE, QStringLiteral("Could not open '%1' for read (readCurrDataRecord)"),
                        __LINE__)
                 .arg(path)
@@ -185,10 +191,28 @@ QVariant VarFileReader::valueAt(qint32 position)
     // size, and moved only when it is not already at the position.
     if (position >= size)
         size = file->size();
-    if (position < 0 || position >= size || (file->pos() != position && !file->seek(position)))
-        return QVariant();
+    if (position < 0 || position >= size)
+        return unreadable(position, "lies past the end of the file");
+    if (file->pos() != position && !file->seek(position))
+        return unreadable(position, "lies past the end of the file");
     stream->resetStatus();
-    return readVariant(*stream);
+    QVariant value = readVariant(*stream);
+    if (stream->status() != QDataStream::Ok)
+        return unreadable(position, "is corrupt");
+    return value;
+}
+
+QVariant VarFileReader::unreadable(qint32 position, const char* why)
+{
+    // Once per file and read: a damaged file can hold many such values.
+    if (!reported)
+        storageLog(LOG_FAILURE, QStringLiteral("Value at position %1 of '%2' %3; it reads as no value"), __LINE__)
+            .arg(position)
+            .arg(path)
+            .arg(QString::fromLatin1(why))
+            .endl();
+    reported = true;
+    return QVariant();
 }
 
 VarBuffer::VarBuffer(qint64 startSize) : startSize(startSize), stream(&data, QIODevice::WriteOnly)
@@ -242,6 +266,7 @@ bool VarFileWriter::flush()
     const QByteArray& pending = buffer->bytes();
     const bool ok = pending.isEmpty() || file->write(pending) == pending.size();
     file->close();
+    diskStepDone();
     file.reset();
     buffer.reset();
     return ok;

@@ -160,16 +160,15 @@ TSFileInfo TSDirControl::findPrevNextFile(TSFileInfo file, bool prev)
         }
 
         // Nothing more in this directory: continue among the siblings of the
-        // directory that holds the file.
+        // directory that holds the file. Its name comes from the path, not
+        // from the file's period: a name that is no date has period 0, and
+        // the walk would start over from 1970 and go round in a circle.
         QStringList parts = relDir.split(u'/', Qt::SkipEmptyParts);
         if (parts.isEmpty())
             return TSFileInfo();
-        parts.removeLast();
+        const QString dirName = parts.takeLast();
         const QString parentRelDir = parts.isEmpty() ? QString() : parts.join(u'/') + u'/';
         dir.cdUp();
-        const Poco::DateTime date = detail::dateTimeOfMs(file.getBaseTsMs());
-        const QString dirName =
-            getFileNameForDepth(date, TSFileInfo::DirDepth(file.getDirDepth() - 1));
         file = TSFileInfo(QFileInfo(dir.path() + u'/' + dirName), parentRelDir);
     }
     return TSFileInfo();

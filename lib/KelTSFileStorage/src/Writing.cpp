@@ -9,6 +9,7 @@
 #include "TSFileStorage.h"
 
 #include "Calendar.h"
+#include "DiskSteps.h"
 #include "Logging.h"
 #include "RecordFile.h"
 
@@ -171,7 +172,9 @@ private:
     {
         if (isNew)
             storage.checkDirectory(file.info().absoluteDir());
-        if (file.open(QIODevice::ReadWrite)) {
+        if (file.openToChange(QIODevice::ReadWrite)) {
+            if (isNew)
+                detail::diskStepDone();  // an empty file now stands in the tree
             dropPartialRecord();
             return true;
         }
@@ -361,12 +364,12 @@ private:
     }
 
     // Copies the bytes of stored records [from, from + n) to out.
-    void readStored(qint64 from, qint64 n, char* out)
+    bool readStored(qint64 from, qint64 n, char* out)
     {
         if (!isLoaded)
-            file.readRaw(from, n, out);
-        else
-            std::memcpy(out, loadedRecord(from), size_t(n * file.layout().stride));
+            return file.readRaw(from, n, out);
+        std::memcpy(out, loadedRecord(from), size_t(n * file.layout().stride));
+        return true;
     }
 
     bool patchInPlace(const std::vector<Placement>& places)
@@ -378,7 +381,8 @@ private:
         uchar record[16];
         for (const Placement& p : places) {
             if (p.stored) {
-                readStored(p.index, 1, reinterpret_cast<char*>(record));
+                if (!readStored(p.index, 1, reinterpret_cast<char*>(record)))
+                    return false;
                 Slot slot(record, true);
                 applyRun(p.run, p.runEnd, slot);
                 if (slot.written) {

@@ -1,0 +1,306 @@
+// Kills a child process after each step by which an operation changes the
+// files of a series (inserts, overwrites of text values, splits at the size
+// limit, reorganisation of a side file, partial deletes) and checks what the
+// child left: the records from before or after the operation, never a torn
+// or lost one; and the next run of the operation must complete it. A reader
+// that reads between any two of those steps must see the same, and leave
+// the operation to finish as it would have.
+
+#include "DiskSteps.h"
+#include "StorageFixture.h"
+
+#include <QDirIterator>
+
+#include <csignal>
+#include <functional>
+#include <iostream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Kel::test;
+using Kel::TSFileInfo;
+using Kel::TSFileStorage;
+
+namespace {
+
+constexpr QMetaType::Type Double = QMetaType::Double;
+constexpr QMetaType::Type Float = QMetaType::Float;
+constexpr QMetaType::Type Text = QMetaType::QString;
+
+int stepsLeft = 0;
+
+void killAtChosenStep()
+{
+    if (--stepsLeft == 0)
+        ::raise(SIGKILL);
+}
+
+// A read run from inside the chosen step, as another process might read.
+std::function<void()> readAtStep;
+bool reading = false;
+
+void readAtChosenStep()
+{
+    if (reading || --stepsLeft != 0)
+        return;
+    reading = true;
+    readAtStep();
+    reading = false;
+}
+
+const long long t0 = ms("2024-05-07T00:00:00Z");
+const long long hour = 3600000LL;
+
+QVariant valueOf(QMetaType::Type type, int i)
+{
+    if (type == QMetaType::QString)
+        return QStringLiteral("value %1").arg(i);
+    if (type == QMetaType::Float)
+        return QVariant(float(i) + 0.5f);
+    return QVariant(double(i) + 0.25);
+}
+
+// Records i = from, from + step, ... below to, one hour apart.
+Records hourly(QMetaType::Type type, int from, int to, int step = 1, int valueShift = 0)
+{
+    Records r;
+    for (int i = from; i < to; i += step)
+        r.push_back({t0 + i * hour, valueOf(type, i + valueShift)});
+    return r;
+}
+
+// One batch per day of records every interval hours: with a small size
+// limit, the series ends up in several day files.
+std::vector<Records> daily(QMetaType::Type type, int days, int interval)
+{
+    std::vector<Records> batches;
+    for (int d = 0; d < days; ++d)
+        batches.push_back(hourly(type, 24 * d, 24 * (d + 1), interval));
+    return batches;
+}
+
+struct Operation {
+    const char* name;
+    QMetaType::Type type;
+    int maxFileSize;
+    std::vector<Records> setup;  // batches written before the operation
+    std::function<void(TSFileStorage&)> run;
+    // The operation changes one file, which must come back whole, as it was
+    // or as it became; otherwise each record on its own must.
+    bool oneFile;
+};
+
+Records readAll(TSFileStorage& series)
+{
+    Records out;
+    int noLimit = 0;
+    series.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, out,
+                           false, noLimit);
+    return out;
+}
+
+bool same(const Records& a, const Records& b)
+{
+    if (a.size() != b.size())
+        return false;
+    for (size_t i = 0; i < a.size(); ++i)
+        if (a[i].timestamp != b[i].timestamp || a[i].value != b[i].value)
+            return false;
+    return true;
+}
+
+const QVariant* valueAt(const Records& records, long long ts)
+{
+    for (const Record& r : records)
+        if (r.timestamp == ts)
+            return &r.value;
+    return nullptr;
+}
+
+// Each record is one that the series held before or after the operation,
+// with the value of one of them, and no record that both hold is missing.
+std::string perRecordFault(const Records& got, const Records& before, const Records& after)
+{
+    for (const Record& r : got) {
+        const QVariant* b = valueAt(before, r.timestamp);
+        const QVariant* a = valueAt(after, r.timestamp);
+        if (!b && !a)
+            return "a record that was never written at " + std::to_string(r.timestamp);
+        if (!(b && *b == r.value) && !(a && *a == r.value))
+            return "a torn value at " + std::to_string(r.timestamp);
+    }
+    for (const Record& r : before)
+        if (valueAt(after, r.timestamp) && !valueAt(got, r.timestamp))
+            return "a lost record at " + std::to_string(r.timestamp);
+    return {};
+}
+
+QStringList leftovers(const QString& dir)
+{
+    QStringList found;
+    for (QDirIterator it(dir, QDir::AllEntries | QDir::NoDotAndDotDot, QDirIterator::Subdirectories); it.hasNext();) {
+        const QString path = it.next();
+        if (path.endsWith(QLatin1String(".new")) || path.endsWith(QLatin1String(".new.var")) ||
+            path.contains(QLatin1String(".split")))
+            found.append(path);
+    }
+    return found;
+}
+
+class CrashSafety : public ::testing::Test {
+protected:
+    std::unique_ptr<TSFileStorage> prepare(const QTemporaryDir& dir, const Operation& op)
+    {
+        auto series = std::make_unique<TSFileStorage>(dir.path(), op.type, op.maxFileSize);
+        for (const Records& batch : op.setup)
+            series->writeDataRecords(batch, false, false);
+        return series;
+    }
+
+    // Runs the operation in a child that is killed after its step-th disk
+    // step; false when the operation finished before that step.
+    bool killedAfter(int step, TSFileStorage& series, const Operation& op)
+    {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            Kel::Logger::instance().setSink([](const Kel::LogEntry&) {});
+            stepsLeft = step;
+            Kel::detail::diskStepListener = killAtChosenStep;
+            op.run(series);
+            ::_exit(0);
+        }
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            return false;
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << op.name << ": child died otherwise";
+        return true;
+    }
+
+    // Checks the records found after a step; true when they are fine.
+    void expectOldOrNew(const Operation& op, const Records& got, const Records& before, const Records& after,
+                        const char* what, int step)
+    {
+        if (op.oneFile)
+            EXPECT_TRUE(same(got, before) || same(got, after))
+                << op.name << ", " << what << " step " << step << ": neither the old nor the new records";
+        else
+            EXPECT_EQ(perRecordFault(got, before, after), std::string()) << op.name << ", " << what << " step " << step;
+    }
+
+    // Returns the number of steps a reader read at.
+    int readEverywhere(const Operation& op, const Records& before, const Records& after)
+    {
+        int step = 1;
+        for (;; ++step) {
+            QTemporaryDir dir;
+            auto series = prepare(dir, op);
+            bool read = false;
+            Records got;
+            readAtStep = [&] {
+                TSFileStorage reader(dir.path(), op.type, op.maxFileSize);
+                got = readAll(reader);
+                read = true;
+            };
+            stepsLeft = step;
+            Kel::detail::diskStepListener = readAtChosenStep;
+            op.run(*series);
+            Kel::detail::diskStepListener = nullptr;
+            if (!read)
+                break;
+            expectOldOrNew(op, got, before, after, "read after", step);
+            EXPECT_TRUE(same(readAll(*series), after)) << op.name << ", read after step " << step
+                                                       << ": the operation did not complete";
+            EXPECT_EQ(leftovers(dir.path()), QStringList()) << op.name << ", read after step " << step;
+        }
+        return step - 1;
+    }
+
+    // Returns the number of kill points tried.
+    int killEverywhere(const Operation& op, const Records& before, const Records& after)
+    {
+        int step = 1;
+        for (;; ++step) {
+            QTemporaryDir dir;
+            auto victim = prepare(dir, op);
+            if (!killedAfter(step, *victim, op))
+                break;
+            TSFileStorage reader(dir.path(), op.type, op.maxFileSize);
+            const Records got = readAll(reader);
+            expectOldOrNew(op, got, before, after, "killed after", step);
+            op.run(reader);
+            EXPECT_TRUE(same(readAll(reader), after)) << op.name << ", killed after step " << step
+                                                      << ": the next run did not complete it";
+            EXPECT_EQ(leftovers(dir.path()), QStringList()) << op.name << ", killed after step " << step;
+        }
+        return step - 1;
+    }
+};
+
+QString fileOf(TSFileStorage& s, long long ts)
+{
+    return s.findFile(ts).filePath();
+}
+
+// The operations that rewrite files, each on a series set up for it.
+std::vector<Operation> rewrites()
+{
+    const int big = 1 << 30;
+    return {
+        {"insert between records", Double, big, {hourly(Double, 0, 40, 2)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(Double, 1, 12, 4), false, false); }, true},
+        {"insert into a Float file", Float, big, {hourly(Float, 0, 40, 2)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(Float, 3, 50, 6), true, false); }, true},
+        {"insert of text values", Text, big, {hourly(Text, 0, 30, 3)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(Text, 1, 20, 5), false, false); }, true},
+        {"overwrite of one text value", Text, big, {hourly(Text, 0, 20)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(Text, 7, 8, 1, 100), false, true); }, true},
+        {"overwrite of text values", Text, big, {hourly(Text, 0, 20)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(Text, 2, 24, 5, 100), false, true); }, false},
+        {"split at the size limit", Double, 300, {hourly(Double, 0, 20), hourly(Double, 24 * 40, 24 * 40 + 2)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(Double, 20, 24), false, false); }, false},
+        {"split of text values", Text, 200, {hourly(Text, 0, 20)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(Text, 24 * 35, 24 * 35 + 5), false, false); }, false},
+        {"reorganisation of a side file", Text, big, {hourly(Text, 0, 20), hourly(Text, 0, 20, 3, 7)},
+         [](TSFileStorage& s) {
+             QFile file(fileOf(s, t0));
+             s.reorgVarFile(&file, s.findFile(t0));
+         }, true},
+        {"partial delete", Double, big, {hourly(Double, 0, 30)},
+         [](TSFileStorage& s) { s.deleteDataRecords(t0 + 5 * hour, t0 + 9 * hour); }, true},
+        {"partial delete of text values", Text, big, {hourly(Text, 0, 30)},
+         [](TSFileStorage& s) { s.deleteDataRecords(t0 + 5 * hour, t0 + 9 * hour); }, true},
+        {"delete across files", Text, 40, daily(Text, 4, 6),
+         [](TSFileStorage& s) { s.deleteDataRecords(t0 + 20 * hour, t0 + 70 * hour); }, false},
+        {"delete that empties a directory", Double, 30, daily(Double, 4, 6),
+         [](TSFileStorage& s) { s.deleteDataRecords(t0 + 47 * hour, t0 + 72 * hour); }, false},
+        {"batch over several files", Double, 60, daily(Double, 3, 6),
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(Double, 1, 24 * 3 + 10, 7, 1000), true, true); }, false},
+    };
+}
+
+} // namespace
+
+TEST_F(CrashSafety, EveryStepOfARewriteLeavesTheOldOrTheNewRecordsToKillsAndReaders)
+{
+    const std::vector<Operation> operations = rewrites();
+    LogCapture quiet;
+    int points = 0;
+    int reads = 0;
+    for (const Operation& op : operations) {
+        QTemporaryDir reference;
+        auto series = prepare(reference, op);
+        const Records before = readAll(*series);
+        op.run(*series);
+        const Records after = readAll(*series);
+        const int tried = killEverywhere(op, before, after);
+        EXPECT_GT(tried, 0) << op.name;
+        points += tried;
+        reads += readEverywhere(op, before, after);
+    }
+    std::cout << "Crash safety: " << points << " kill points and " << reads << " reads between steps over "
+              << operations.size() << " operations; "
+              << (HasFailure() ? "RECORDS LOST OR TORN" : "no record lost or torn at any") << std::endl;
+    RecordProperty("killPoints", points);
+    RecordProperty("readsBetweenSteps", reads);
+}

@@ -1,0 +1,351 @@
+// Faults from outside the library: files cut short or corrupt, side files
+// that are damaged or cannot be opened, timestamps the tree cannot name, a
+// full disk, and a reader beside a writer in another process. For each: no
+// crash, a log line that says what happened, and every record that was
+// stored before the fault still readable.
+
+#include "StorageFixture.h"
+
+#include <QElapsedTimer>
+#include <QtEndian>
+
+#include <cerrno>
+#include <cstring>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Kel::test;
+using Kel::TSFileInfo;
+using Kel::TSFileStorage;
+
+namespace {
+
+const long long t0 = ms("2024-05-07T00:00:00Z");
+const long long hour = 3600000LL;
+
+Records hourly(int from, int to, QMetaType::Type type = QMetaType::Double)
+{
+    Records r;
+    for (int i = from; i < to; ++i)
+        r.push_back({t0 + i * hour, type == QMetaType::QString ? QVariant(QStringLiteral("v%1").arg(i))
+                                    : type == QMetaType::Float ? QVariant(float(i) + 0.5f)
+                                                               : QVariant(double(i) + 0.5)});
+    return r;
+}
+
+bool sameRecords(const Records& a, const Records& b)
+{
+    if (a.size() != b.size())
+        return false;
+    for (size_t i = 0; i < a.size(); ++i)
+        if (a[i].timestamp != b[i].timestamp || a[i].value != b[i].value)
+            return false;
+    return true;
+}
+
+void resize(const QString& path, qint64 size)
+{
+    QFile f(path);
+    ASSERT_TRUE(f.resize(size)) << qPrintable(path);
+}
+
+} // namespace
+
+class Faults : public StorageFixture {
+protected:
+    QString yearFile() const { return file(QStringLiteral("2024")); }
+    long long count() { return series->getCount({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, true, false, false); }
+};
+
+// Float records take 8 value bytes on disk while the series' record length
+// counts 4: a cut must be found, and repaired, by the bytes really there.
+TEST_F(Faults, FileCutInsideARecordLosesOnlyThatRecordAndIsRepairedByTheNextWrite)
+{
+    for (QMetaType::Type type : {QMetaType::Double, QMetaType::Float, QMetaType::QString}) {
+        SCOPED_TRACE(QMetaType(type).name());
+        useSeries(type);
+        const int stride = series->getStoredRecordLength(TSFileInfo::DEPTH_YEAR);
+        ASSERT_TRUE(write(hourly(0, 10, type)));
+        resize(yearFile(), 7 * stride + stride / 2);
+
+        EXPECT_TRUE(sameRecords(read(), hourly(0, 7, type)));
+        EXPECT_EQ(count(), 7);
+        Record last;
+        ASSERT_TRUE(series->getLastDataRecord(last));
+        EXPECT_EQ(last.timestamp, t0 + 6 * hour);
+
+        LogCapture log;
+        ASSERT_TRUE(write(hourly(20, 22, type)));
+        EXPECT_TRUE(log.contains(QStringLiteral("Dropped %1 bytes of a partial record at the end of '%2'")
+                                     .arg(stride / 2)
+                                     .arg(yearFile())));
+        EXPECT_EQ(QFileInfo(yearFile()).size(), 9 * stride);
+        Records expected = hourly(0, 7, type);
+        for (const Record& r : hourly(20, 22, type))
+            expected.push_back(r);
+        EXPECT_TRUE(sameRecords(read(), expected));
+        QDir(tmp.path()).removeRecursively();
+    }
+}
+
+TEST_F(Faults, FileShorterThanOneRecordReadsAsEmpty)
+{
+    writeBytes(yearFile(), QByteArray("\x01\x02\x03", 3));
+    EXPECT_TRUE(read().empty());
+    EXPECT_EQ(count(), 0);
+    // A file without a whole record reads as one record at its base, as an
+    // empty file always has.
+    Record rec;
+    ASSERT_TRUE(series->getFirstDataRecord(rec));
+    EXPECT_EQ(rec.timestamp, ms("2024-01-01T00:00:00Z"));
+    EXPECT_FALSE(rec.value.isValid());
+    EXPECT_FALSE(series->findDataRecord(t0, rec));
+    LogCapture log;
+    ASSERT_TRUE(write(hourly(0, 2)));
+    EXPECT_TRUE(log.contains(QStringLiteral("Dropped 3 bytes")));
+    EXPECT_TRUE(sameRecords(read(), hourly(0, 2)));
+}
+
+// A position past the end of the side file and a corrupt serialised value
+// cost their own records' values, logged; timestamps and every other value
+// stay readable.
+TEST_F(Faults, DamagedSideFileCostsOnlyTheDamagedValues)
+{
+    useSeries(QMetaType::QString);
+    ASSERT_TRUE(write(hourly(0, 6, QMetaType::QString)));
+    const int stride = series->getStoredRecordLength(TSFileInfo::DEPTH_YEAR);
+    QByteArray records = readBytes(yearFile());
+    QByteArray side = readBytes(yearFile() + QStringLiteral(".var"));
+    // Record 2 points far past the end; the string of record 4 gets an odd
+    // byte length, which no UTF-16 string has.
+    std::memcpy(records.data() + 2 * stride + 5, "\x00\x10\x00\x00", 4);
+    const int at = int(qFromBigEndian<quint32>(records.constData() + 4 * stride + 5));
+    std::memcpy(side.data() + at + 5, "\x00\x00\x00\x03", 4);
+    writeBytes(yearFile(), records);
+    writeBytes(yearFile() + QStringLiteral(".var"), side);
+
+    LogCapture log;
+    const Records back = read();
+    ASSERT_EQ(timestamps(back), timestamps(hourly(0, 6)));
+    for (int i = 0; i < 6; ++i)
+        EXPECT_EQ(back[i].value, i == 2 || i == 4 ? QVariant() : QVariant(QStringLiteral("v%1").arg(i))) << i;
+    EXPECT_EQ(log.count(QStringLiteral("of '%1.var'").arg(yearFile())), 1) << "logged once per read";
+    EXPECT_TRUE(log.contains(QStringLiteral("Value at position 1048576 of '%1.var' lies past the end of the file")
+                                 .arg(yearFile())));
+    log.entries.clear();
+    Record rec;
+    ASSERT_TRUE(series->findDataRecord(t0 + 4 * hour, rec));
+    EXPECT_FALSE(rec.value.isValid());
+    EXPECT_TRUE(log.contains(QStringLiteral("Value at position %1 of '%2.var' is corrupt").arg(at).arg(yearFile())));
+
+    // The next write of the file goes on as before.
+    ASSERT_TRUE(write(hourly(6, 7, QMetaType::QString)));
+    EXPECT_EQ(read().back().value, QVariant(QStringLiteral("v6")));
+}
+
+// A side file that is missing or is a directory will not turn up by waiting:
+// the read fails at once rather than after the retries of a held file.
+TEST_F(Faults, SideFileThatCannotBeOpenedFailsAtOnceAndKeepsTheTimestamps)
+{
+    useSeries(QMetaType::QString);
+    ASSERT_TRUE(write(hourly(0, 4, QMetaType::QString)));
+    const QString side = yearFile() + QStringLiteral(".var");
+    for (bool directory : {false, true}) {
+        QFile::remove(side);
+        if (directory)
+            makeDir(side);
+        LogCapture log;
+        QElapsedTimer timer;
+        timer.start();
+        const Records back = read();
+        EXPECT_LT(timer.elapsed(), 4000);
+        EXPECT_EQ(timestamps(back), timestamps(hourly(0, 4)));
+        for (const Record& r : back)
+            EXPECT_FALSE(r.value.isValid());
+        EXPECT_TRUE(log.contains(QStringLiteral("Could not open '%1' for read (readCurrDataRecord)").arg(side)));
+    }
+}
+
+// A storage file that cannot be opened (a directory stands where the tree
+// places the file) fails the write with a log line after the retries of
+// openFile; the records already stored are untouched.
+TEST_F(Faults, StorageFileThatCannotBeOpenedFailsTheWriteAndKeepsTheStoredRecords)
+{
+    const long long later = ms("2026-03-01T00:00:00Z");
+    ASSERT_TRUE(write(hourly(0, 5)));
+    ASSERT_TRUE(write({{later, 7.0}}));
+    // A minute entry that is a directory sends the tree back to the year
+    // entry, which is a directory too.
+    makeDir(file(QStringLiteral("2025/01/01/00/00")));
+    LogCapture log;
+    EXPECT_FALSE(write({{ms("2025-01-01T00:00:30Z"), 1.0}}));
+    EXPECT_TRUE(log.contains(QStringLiteral("Could not open '%1' for write (writeDataRecords)")
+                                 .arg(file(QStringLiteral("2025")))));
+    EXPECT_EQ(log.count(QStringLiteral("File open failed")), 6);
+    // Walks end at the empty directories, so each side is read on its own.
+    EXPECT_TRUE(sameRecords(read(t0, t0 + 10 * hour), hourly(0, 5)));
+    Record rec;
+    ASSERT_TRUE(series->findDataRecord(later, rec));
+    EXPECT_EQ(rec.value.toDouble(), 7.0);
+}
+
+// Instants before 1970 are stored like any other; the tree names years 0 to
+// 9999 only, so records outside are refused, logged, and the rest written.
+TEST_F(Faults, TimestampsBefore1970AreStoredAndOutsideTheYears0To9999Refused)
+{
+    const long long year0 = -62167219200000LL;  // 0000-01-01T00:00:00Z
+    const long long year10000 = ms("9999-12-31T23:59:59Z") + 1000;
+    const Records placeable = {{year0, 1.0}, {ms("1900-01-01T00:00:00Z"), 2.0}, {-1000, 3.0},
+                               {0, 4.0}, {year10000 - 1, 5.0}};
+    Records batch = placeable;
+    batch.push_back({year0 - 1, 6.0});
+    batch.push_back({year10000, 7.0});
+    LogCapture log;
+    EXPECT_FALSE(write(batch));
+    EXPECT_EQ(log.count(QStringLiteral("lies outside the years 0 to 9999")), 2);
+    EXPECT_TRUE(log.contains(QStringLiteral("Time stamp %1 lies outside").arg(year10000)));
+
+    EXPECT_TRUE(sameRecords(read(), placeable));
+    EXPECT_EQ(count(), 5);
+    Record rec;
+    ASSERT_TRUE(series->findDataRecord(-1000, rec));
+    EXPECT_EQ(rec.value.toDouble(), 3.0);
+    ASSERT_TRUE(series->findPrevDataRecord(0, rec));
+    EXPECT_EQ(rec.timestamp, -1000);
+    ASSERT_TRUE(series->getFirstDataRecord(rec));
+    EXPECT_EQ(rec.timestamp, year0);
+    ASSERT_TRUE(series->getLastDataRecord(rec));
+    EXPECT_EQ(rec.timestamp, year10000 - 1);
+    series->deleteDataRecords(ms("1800-01-01T00:00:00Z"), -500);
+    EXPECT_TRUE(sameRecords(read(), {placeable[0], placeable[3], placeable[4]}));
+}
+
+// Lookups end at a directory without a file of the tree. A delete that
+// takes every file of a directory takes the directory too, even when a file
+// that no lookup sees (here a side file left without its file) stands in it.
+TEST_F(Faults, DeleteThatEmptiesADirectoryTakesItsStrayFilesAlong)
+{
+    useSeries(QMetaType::Double, 30);
+    for (int day = 0; day < 3; ++day)
+        write(hourly(24 * day, 24 * day + 24));
+    write({{t0 + 24 * hour + 60000, 1.0}});  // splits the day into hour files
+    ASSERT_TRUE(QFileInfo(file(QStringLiteral("2024/05/08"))).isDir());
+    touch(file(QStringLiteral("2024/05/08/05.var")));
+    series->deleteDataRecords(t0 + 24 * hour, t0 + 48 * hour - 1);
+    EXPECT_FALSE(QFileInfo::exists(file(QStringLiteral("2024/05/08"))));
+    Records expected = hourly(0, 24);
+    for (const Record& r : hourly(48, 72))
+        expected.push_back(r);
+    EXPECT_TRUE(sameRecords(read(), expected));
+}
+
+// A tmpfs of 64 KiB mounted over a scratch directory; root only.
+class FullDisk : public Faults {
+protected:
+    void SetUp() override
+    {
+        if (::mount("tmpfs", QFile::encodeName(tmp.path()).constData(), "tmpfs", 0, "size=64k") != 0)
+            GTEST_SKIP() << "cannot mount a small tmpfs here (" << std::strerror(errno)
+                         << "); the full-disk test needs root";
+        mounted = true;
+        useSeries(QMetaType::Double);
+    }
+    void TearDown() override
+    {
+        if (mounted)
+            ::umount2(QFile::encodeName(tmp.path()).constData(), MNT_DETACH);
+    }
+    // Fills the disk; returns the filler's path.
+    QString fill()
+    {
+        const QString path = tmp.filePath(QStringLiteral("filler"));
+        QFile f(path);
+        f.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
+        const QByteArray block(512, 'x');
+        while (f.write(block) == block.size()) {
+        }
+        return path;
+    }
+    bool mounted = false;
+};
+
+TEST_F(FullDisk, FailedAppendAndInsertKeepEveryStoredRecord)
+{
+    ASSERT_TRUE(write(hourly(0, 50)));
+    const QString filler = fill();
+
+    LogCapture log;
+    EXPECT_FALSE(write(hourly(100, 1100)));
+    EXPECT_TRUE(log.contains(QStringLiteral("Could not write '%1' (writeDataRecords)").arg(yearFile())));
+    // What reached the disk before it filled is a run of whole records
+    // after the stored ones (and perhaps part of one, never read).
+    const Records afterAppend = read();
+    ASSERT_GE(afterAppend.size(), 50u);
+    EXPECT_TRUE(sameRecords(Records(afterAppend.begin(), afterAppend.begin() + 50), hourly(0, 50)));
+    EXPECT_TRUE(sameRecords(Records(afterAppend.begin() + 50, afterAppend.end()),
+                            hourly(100, 100 + int(afterAppend.size()) - 50)));
+
+    // An insert writes the whole file anew beside it: no room, no change.
+    log.entries.clear();
+    EXPECT_FALSE(write({{t0 + hour / 2, 9.0}}));
+    EXPECT_TRUE(log.contains(QStringLiteral("Could not write '%1' (writeDataRecords)").arg(yearFile())));
+    EXPECT_TRUE(sameRecords(read(), afterAppend));
+    EXPECT_FALSE(QFileInfo::exists(yearFile() + QStringLiteral(".new")));
+
+    // With room again, the next write repairs the file and goes on.
+    QFile::remove(filler);
+    ASSERT_TRUE(write({{t0 + hour / 2, 9.0}}));
+    const Records repaired = read();
+    EXPECT_EQ(repaired.size(), afterAppend.size() + 1);
+    EXPECT_EQ(QFileInfo(yearFile()).size(), qint64(repaired.size()) * 13);
+}
+
+// Another process appends batches while this one reads: every read sees
+// whole records in order, a prefix of what is being written, never fewer
+// than the read before.
+TEST_F(Faults, ReaderBesideAnAppendingProcessSeesAGrowingPrefix)
+{
+    for (int maxFileSize : {1 << 30, 4000, 1000}) {
+        SCOPED_TRACE(maxFileSize);
+        QTemporaryDir dir;
+        TSFileStorage reader(dir.path(), QMetaType::Double, maxFileSize);
+        constexpr int kBatches = 1000;
+        constexpr int kPerBatch = 10;
+        const auto record = [](int i) { return Record{t0 + i * 60000LL, double(i) * 1.5}; };
+        const pid_t child = ::fork();
+        if (child == 0) {
+            Kel::Logger::instance().setSink([](const Kel::LogEntry&) {});
+            TSFileStorage writer(dir.path(), QMetaType::Double, maxFileSize);
+            for (int b = 0; b < kBatches; ++b) {
+                Records batch;
+                for (int i = b * kPerBatch; i < (b + 1) * kPerBatch; ++i)
+                    batch.push_back(record(i));
+                if (!writer.writeDataRecords(batch, false, false))
+                    ::_exit(1);
+            }
+            ::_exit(0);
+        }
+        LogCapture log;
+        size_t seen = 0;
+        int reads = 0;
+        int status = 0;
+        for (bool done = false; !done; ++reads) {
+            done = ::waitpid(child, &status, WNOHANG) == child;
+            Records back;
+            int noLimit = 0;
+            reader.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, back,
+                                   false, noLimit);
+            ASSERT_GE(back.size(), seen) << "read " << reads;
+            for (size_t i = 0; i < back.size(); ++i) {
+                ASSERT_EQ(back[i].timestamp, record(int(i)).timestamp) << "read " << reads << ", record " << i;
+                ASSERT_EQ(back[i].value.toDouble(), record(int(i)).value.toDouble());
+            }
+            seen = back.size();
+        }
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        EXPECT_EQ(seen, size_t(kBatches * kPerBatch));
+        EXPECT_GT(reads, 2);
+        EXPECT_EQ(log.count(QStringLiteral("File open failed")), 0);
+    }
+}
