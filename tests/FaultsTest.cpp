@@ -24,39 +24,12 @@ namespace {
 const long long t0 = ms("2024-05-07T00:00:00Z");
 const long long hour = 3600000LL;
 
-Records hourly(int from, int to, QMetaType::Type type = QMetaType::Double)
-{
-    Records r;
-    for (int i = from; i < to; ++i)
-        r.push_back({t0 + i * hour, type == QMetaType::QString ? QVariant(QStringLiteral("v%1").arg(i))
-                                    : type == QMetaType::Float ? QVariant(float(i) + 0.5f)
-                                                               : QVariant(double(i) + 0.5)});
-    return r;
-}
-
-bool sameRecords(const Records& a, const Records& b)
-{
-    if (a.size() != b.size())
-        return false;
-    for (size_t i = 0; i < a.size(); ++i)
-        if (a[i].timestamp != b[i].timestamp || a[i].value != b[i].value)
-            return false;
-    return true;
-}
-
-void resize(const QString& path, qint64 size)
-{
-    QFile f(path);
-    ASSERT_TRUE(f.resize(size)) << qPrintable(path);
-}
-
-} // namespace
-
 class Faults : public StorageFixture {
 protected:
     QString yearFile() const { return file(QStringLiteral("2024")); }
-    long long count() { return series->getCount({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, true, false, false); }
 };
+
+} // namespace
 
 // Float records take 8 value bytes on disk while the series' record length
 // counts 4: a cut must be found, and repaired, by the bytes really there.
@@ -67,7 +40,7 @@ TEST_F(Faults, FileCutInsideARecordLosesOnlyThatRecordAndIsRepairedByTheNextWrit
         useSeries(type);
         const int stride = series->getStoredRecordLength(TSFileInfo::DEPTH_YEAR);
         ASSERT_TRUE(write(hourly(0, 10, type)));
-        resize(yearFile(), 7 * stride + stride / 2);
+        ASSERT_TRUE(QFile(yearFile()).resize(7 * stride + stride / 2));
 
         EXPECT_TRUE(sameRecords(read(), hourly(0, 7, type)));
         EXPECT_EQ(count(), 7);
@@ -81,10 +54,7 @@ TEST_F(Faults, FileCutInsideARecordLosesOnlyThatRecordAndIsRepairedByTheNextWrit
                                      .arg(stride / 2)
                                      .arg(yearFile())));
         EXPECT_EQ(QFileInfo(yearFile()).size(), 9 * stride);
-        Records expected = hourly(0, 7, type);
-        for (const Record& r : hourly(20, 22, type))
-            expected.push_back(r);
-        EXPECT_TRUE(sameRecords(read(), expected));
+        EXPECT_TRUE(sameRecords(read(), joined(hourly(0, 7, type), hourly(20, 22, type))));
         QDir(tmp.path()).removeRecursively();
     }
 }
@@ -168,9 +138,10 @@ TEST_F(Faults, SideFileThatCannotBeOpenedFailsAtOnceAndKeepsTheTimestamps)
 }
 
 // A storage file that cannot be opened (a directory stands where the tree
-// places the file) fails the write with a log line after the retries of
-// openFile; the records already stored are untouched.
-TEST_F(Faults, StorageFileThatCannotBeOpenedFailsTheWriteAndKeepsTheStoredRecords)
+// places the file) fails the write after six attempts one second apart, each
+// logged; the records already stored are untouched. The one test that waits
+// on the retries.
+TEST_F(Faults, StorageFileThatCannotBeOpenedFailsTheWriteAfterSixAttemptsAndKeepsTheStoredRecords)
 {
     const long long later = ms("2026-03-01T00:00:00Z");
     ASSERT_TRUE(write(hourly(0, 5)));
@@ -178,11 +149,21 @@ TEST_F(Faults, StorageFileThatCannotBeOpenedFailsTheWriteAndKeepsTheStoredRecord
     // A minute entry that is a directory sends the tree back to the year
     // entry, which is a directory too.
     makeDir(file(QStringLiteral("2025/01/01/00/00")));
+    const QString blocked = file(QStringLiteral("2025"));
     LogCapture log;
+    QElapsedTimer timer;
+    timer.start();
     EXPECT_FALSE(write({{ms("2025-01-01T00:00:30Z"), 1.0}}));
-    EXPECT_TRUE(log.contains(QStringLiteral("Could not open '%1' for write (writeDataRecords)")
-                                 .arg(file(QStringLiteral("2025")))));
-    EXPECT_EQ(log.count(QStringLiteral("File open failed")), 6);
+    EXPECT_GE(timer.elapsed(), 4900);
+    ASSERT_EQ(log.count(QStringLiteral("File open failed")), 6);
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_EQ(log.entries[i].message,
+                  QStringLiteral("File open failed (Read,Write,) on '%1', attempt %2").arg(blocked).arg(i + 1));
+        EXPECT_EQ(log.entries[i].level, 4);
+        EXPECT_EQ(log.entries[i].line, 140);
+        EXPECT_EQ(log.entries[i].sourceFile, QStringLiteral("lib/KelTSFileStorage/src/TSFileStorage"));
+    }
+    EXPECT_TRUE(log.contains(QStringLiteral("Could not open '%1' for write (writeDataRecords)").arg(blocked)));
     // Walks end at the empty directories, so each side is read on its own.
     EXPECT_TRUE(sameRecords(read(t0, t0 + 10 * hour), hourly(0, 5)));
     Record rec;
@@ -234,10 +215,7 @@ TEST_F(Faults, DeleteThatEmptiesADirectoryTakesItsStrayFilesAlong)
     touch(file(QStringLiteral("2024/05/08/05.var")));
     series->deleteDataRecords(t0 + 24 * hour, t0 + 48 * hour - 1);
     EXPECT_FALSE(QFileInfo::exists(file(QStringLiteral("2024/05/08"))));
-    Records expected = hourly(0, 24);
-    for (const Record& r : hourly(48, 72))
-        expected.push_back(r);
-    EXPECT_TRUE(sameRecords(read(), expected));
+    EXPECT_TRUE(sameRecords(read(), joined(hourly(0, 24), hourly(48, 72))));
 }
 
 // A tmpfs of 64 KiB mounted over a scratch directory; root only.
