@@ -96,14 +96,3 @@ TEST_F(Lookups, RangeIsResolvedAndClampedToTheSeries)
     EXPECT_FALSE(series->adjustTimestamps(series.get(), start, end, coversFirst, coversLast));
     EXPECT_EQ(end, t0 + 5000);
 }
-
-TEST_F(Lookups, TrailingPartialRecordIsNeverRead)
-{
-    write({{t0 + 1000, 1.0}, {t0 + 2000, 2.0}});
-    const QString path = file(QStringLiteral("2024"));
-    writeBytes(path, readBytes(path) + QByteArray("\x01\x02\x03", 3));
-    Record rec;
-    ASSERT_TRUE(series->getLastDataRecord(rec));
-    EXPECT_EQ(rec.timestamp, t0 + 2000);
-    EXPECT_EQ(rec.value.toDouble(), 2.0);
-}
