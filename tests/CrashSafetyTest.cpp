@@ -148,63 +148,44 @@ protected:
         return true;
     }
 
-    // Checks the records found after a step; true when they are fine.
-    void expectOldOrNew(const Operation& op, const Records& got, const Records& before, const Records& after,
-                        const char* what, int step)
+    // Runs the operation on a new copy of its series and interrupts it after
+    // its step-th disk step: kills it (the next run must then complete it),
+    // or reads the series there beside it. False when it ended before.
+    bool interruptedAt(int step, bool kill, const Operation& op, const Records& before, const Records& after)
     {
-        if (op.oneFile)
-            EXPECT_TRUE(sameRecords(got, before) || sameRecords(got, after))
-                << op.name << ", " << what << " step " << step << ": neither the old nor the new records";
-        else
-            EXPECT_EQ(perRecordFault(got, before, after), std::string()) << op.name << ", " << what << " step " << step;
-    }
-
-    // Returns the number of steps a reader read at.
-    int readEverywhere(const Operation& op, const Records& before, const Records& after)
-    {
-        int step = 1;
-        for (;; ++step) {
-            QTemporaryDir dir;
-            auto series = prepare(dir, op);
-            bool read = false;
-            Records got;
+        QTemporaryDir dir;
+        auto series = prepare(dir, op);
+        bool interrupted = false;
+        Records got;
+        if (kill) {
+            interrupted = killedAfter(step, *series, op);
+            series = std::make_unique<TSFileStorage>(dir.path(), op.type, op.maxFileSize);
+            got = readAll(*series);
+            if (interrupted)
+                op.run(*series);
+        } else {
             readAtStep = [&] {
                 TSFileStorage reader(dir.path(), op.type, op.maxFileSize);
                 got = readAll(reader);
-                read = true;
+                interrupted = true;
             };
             stepsLeft = step;
             Kel::detail::diskStepListener = readAtChosenStep;
             op.run(*series);
             Kel::detail::diskStepListener = nullptr;
-            if (!read)
-                break;
-            expectOldOrNew(op, got, before, after, "read after", step);
-            EXPECT_TRUE(sameRecords(readAll(*series), after)) << op.name << ", read after step " << step
-                                                       << ": the operation did not complete";
-            EXPECT_EQ(leftovers(dir.path()), QStringList()) << op.name << ", read after step " << step;
         }
-        return step - 1;
-    }
-
-    // Returns the number of kill points tried.
-    int killEverywhere(const Operation& op, const Records& before, const Records& after)
-    {
-        int step = 1;
-        for (;; ++step) {
-            QTemporaryDir dir;
-            auto victim = prepare(dir, op);
-            if (!killedAfter(step, *victim, op))
-                break;
-            TSFileStorage reader(dir.path(), op.type, op.maxFileSize);
-            const Records got = readAll(reader);
-            expectOldOrNew(op, got, before, after, "killed after", step);
-            op.run(reader);
-            EXPECT_TRUE(sameRecords(readAll(reader), after)) << op.name << ", killed after step " << step
-                                                      << ": the next run did not complete it";
-            EXPECT_EQ(leftovers(dir.path()), QStringList()) << op.name << ", killed after step " << step;
-        }
-        return step - 1;
+        if (!interrupted)
+            return false;
+        const std::string where = op.name + std::string(kill ? ", killed after step " : ", read after step ") +
+                                  std::to_string(step);
+        if (op.oneFile)
+            EXPECT_TRUE(sameRecords(got, before) || sameRecords(got, after))
+                << where << ": neither the old nor the new records";
+        else
+            EXPECT_EQ(perRecordFault(got, before, after), std::string()) << where;
+        EXPECT_TRUE(sameRecords(readAll(*series), after)) << where << ": the operation was not completed";
+        EXPECT_EQ(leftovers(dir.path()), QStringList()) << where;
+        return true;
     }
 };
 
@@ -259,10 +240,12 @@ TEST_F(CrashSafety, EveryStepOfARewriteLeavesTheOldOrTheNewRecordsToKillsAndRead
         const Records before = readAll(*series);
         op.run(*series);
         const Records after = readAll(*series);
-        const int tried = killEverywhere(op, before, after);
-        EXPECT_GT(tried, 0) << op.name;
-        points += tried;
-        reads += readEverywhere(op, before, after);
+        const int pointsBefore = points;
+        for (int step = 1; interruptedAt(step, true, op, before, after); ++step)
+            ++points;
+        EXPECT_GT(points, pointsBefore) << op.name;
+        for (int step = 1; interruptedAt(step, false, op, before, after); ++step)
+            ++reads;
     }
     std::cout << "Crash safety: " << points << " kill points and " << reads << " reads between steps over "
               << operations.size() << " operations; "

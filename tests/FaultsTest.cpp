@@ -79,61 +79,55 @@ TEST_F(Faults, FileShorterThanOneRecordReadsAsEmpty)
 
 // A position past the end of the side file and a corrupt serialised value
 // cost their own records' values, logged; timestamps and every other value
-// stay readable.
-TEST_F(Faults, DamagedSideFileCostsOnlyTheDamagedValues)
+// stay readable. A side file that is missing or is a directory will not turn
+// up by waiting: the read fails at once rather than after the retries of a
+// held file, and keeps the timestamps.
+TEST_F(Faults, SideFileDamageCostsOnlyTheValuesItHolds)
 {
     useSeries(QMetaType::QString);
     ASSERT_TRUE(write(hourly(0, 6, QMetaType::QString)));
     const int stride = series->getStoredRecordLength(TSFileInfo::DEPTH_YEAR);
+    const QString side = yearFile() + QStringLiteral(".var");
     QByteArray records = readBytes(yearFile());
-    QByteArray side = readBytes(yearFile() + QStringLiteral(".var"));
+    QByteArray values = readBytes(side);
     // Record 2 points far past the end; the string of record 4 gets an odd
     // byte length, which no UTF-16 string has.
     std::memcpy(records.data() + 2 * stride + 5, "\x00\x10\x00\x00", 4);
     const int at = int(qFromBigEndian<quint32>(records.constData() + 4 * stride + 5));
-    std::memcpy(side.data() + at + 5, "\x00\x00\x00\x03", 4);
+    std::memcpy(values.data() + at + 5, "\x00\x00\x00\x03", 4);
     writeBytes(yearFile(), records);
-    writeBytes(yearFile() + QStringLiteral(".var"), side);
+    writeBytes(side, values);
 
     LogCapture log;
     const Records back = read();
     ASSERT_EQ(timestamps(back), timestamps(hourly(0, 6)));
     for (int i = 0; i < 6; ++i)
         EXPECT_EQ(back[i].value, i == 2 || i == 4 ? QVariant() : QVariant(QStringLiteral("v%1").arg(i))) << i;
-    EXPECT_EQ(log.count(QStringLiteral("of '%1.var'").arg(yearFile())), 1) << "logged once per read";
-    EXPECT_TRUE(log.contains(QStringLiteral("Value at position 1048576 of '%1.var' lies past the end of the file")
-                                 .arg(yearFile())));
+    EXPECT_EQ(log.count(QStringLiteral("of '%1'").arg(side)), 1) << "logged once per read";
+    EXPECT_TRUE(log.contains(QStringLiteral("Value at position 1048576 of '%1' lies past the end of the file").arg(side)));
     log.entries.clear();
     Record rec;
     ASSERT_TRUE(series->findDataRecord(t0 + 4 * hour, rec));
     EXPECT_FALSE(rec.value.isValid());
-    EXPECT_TRUE(log.contains(QStringLiteral("Value at position %1 of '%2.var' is corrupt").arg(at).arg(yearFile())));
+    EXPECT_TRUE(log.contains(QStringLiteral("Value at position %1 of '%2' is corrupt").arg(at).arg(side)));
 
     // The next write of the file goes on as before.
     ASSERT_TRUE(write(hourly(6, 7, QMetaType::QString)));
     EXPECT_EQ(read().back().value, QVariant(QStringLiteral("v6")));
-}
 
-// A side file that is missing or is a directory will not turn up by waiting:
-// the read fails at once rather than after the retries of a held file.
-TEST_F(Faults, SideFileThatCannotBeOpenedFailsAtOnceAndKeepsTheTimestamps)
-{
-    useSeries(QMetaType::QString);
-    ASSERT_TRUE(write(hourly(0, 4, QMetaType::QString)));
-    const QString side = yearFile() + QStringLiteral(".var");
     for (bool directory : {false, true}) {
         QFile::remove(side);
         if (directory)
             makeDir(side);
-        LogCapture log;
+        LogCapture failed;
         QElapsedTimer timer;
         timer.start();
-        const Records back = read();
+        const Records left = read();
         EXPECT_LT(timer.elapsed(), 4000);
-        EXPECT_EQ(timestamps(back), timestamps(hourly(0, 4)));
-        for (const Record& r : back)
+        EXPECT_EQ(timestamps(left), timestamps(hourly(0, 7)));
+        for (const Record& r : left)
             EXPECT_FALSE(r.value.isValid());
-        EXPECT_TRUE(log.contains(QStringLiteral("Could not open '%1' for read (readCurrDataRecord)").arg(side)));
+        EXPECT_TRUE(failed.contains(QStringLiteral("Could not open '%1' for read (readCurrDataRecord)").arg(side)));
     }
 }
 

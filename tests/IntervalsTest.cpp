@@ -195,13 +195,4 @@ TEST_F(Intervals, CountIsKnownWithoutReadingOnlyWhenEveryIntervalYields)
     EXPECT_EQ(filtered.getFastCount(), -1);
 }
 
-TEST_F(Intervals, KnownCountIsStoredByGetRangeAndNotRaisedByFinalize)
-{
-    countOnly = true;
-    Interpolate& e = engine("meanAFill", 3600, "2024-05-07T10:00:00Z", "2024-05-07T13:00:00Z");
-    range(e);
-    e.finalize();
-    EXPECT_EQ(Kel::test::show(out), "00:00=4");
-}
-
 } // namespace
