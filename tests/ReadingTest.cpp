@@ -66,28 +66,48 @@ TEST_F(Reading, MissingFilesAreSkippedAndTheWalkGoesOn)
     EXPECT_EQ(all[1440].timestamp, ms("2024-05-09T00:00:00Z"));
 }
 
-TEST_F(Reading, RawReadsGiveEachTypeTheValuesOfItsLookups)
+// A raw read builds its values straight in the output, a lookup decodes one
+// record: both must give each type's values widened alike, and converted as
+// they were written.
+TEST_F(Reading, RawReadsAndLookupsGiveEachTypeItsWidenedValues)
 {
-    // The raw read builds its values straight in the output; a lookup
-    // decodes one record. Both must give the same type and value.
-    const QMetaType::Type types[] = {QMetaType::Bool, QMetaType::Char, QMetaType::UChar, QMetaType::Short,
-                                     QMetaType::UShort, QMetaType::Int, QMetaType::UInt, QMetaType::LongLong,
-                                     QMetaType::ULongLong, QMetaType::Double, QMetaType::Float, QMetaType::QString};
-    for (QMetaType::Type type : types) {
+    const struct {
+        QMetaType::Type type;
+        QVariant written;
+        QVariant read;  // of the type the reader gets
+    } cases[] = {
+        {QMetaType::Bool, true, true},
+        {QMetaType::Char, -56, -56},
+        {QMetaType::UChar, 200, 200},
+        {QMetaType::Short, -1, -1},
+        {QMetaType::UShort, 65535, 65535},
+        {QMetaType::Int, QStringLiteral("letters"), 0},
+        {QMetaType::UInt, 4294967295u, 4294967295u},
+        {QMetaType::LongLong, qlonglong(-5), qlonglong(-5)},
+        {QMetaType::ULongLong, qulonglong(18446744073709551615ULL), qulonglong(18446744073709551615ULL)},
+        {QMetaType::Float, 1.5f, 1.5f},
+        {QMetaType::Double, 20.25, 20.25},
+        {QMetaType::QString, QStringLiteral("text"), QStringLiteral("text")},
+    };
+    for (const auto& c : cases) {
+        const char* name = QMetaType(c.type).name();
         QTemporaryDir dir;
-        TSFileStorage typed(dir.path(), type, 1 << 30);
-        typed.writeDataRecords({{t0, QVariant(-2)}, {t0 + 1000, QVariant(200)}, {t0 + 2000, QVariant(1.5)}}, false,
-                               false);
+        TSFileStorage typed(dir.path(), c.type, 1 << 30);
+        typed.writeDataRecords({{t0, c.written}, {t0 + 1000, QVariant(-2)}, {t0 + 2000, QVariant(200)},
+                                {t0 + 3000, QVariant(1.5)}},
+                               false, false);
         Records back;
         int noLimit = 0;
         typed.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, back, false,
                               noLimit);
-        ASSERT_EQ(back.size(), 3u) << type;
+        ASSERT_EQ(back.size(), 4u) << name;
+        EXPECT_EQ(back[0].value.typeId(), c.read.typeId()) << name;
+        EXPECT_EQ(back[0].value, c.read) << name;
         for (const Record& r : back) {
             Record one;
-            ASSERT_TRUE(typed.findDataRecord(r.timestamp, one));
-            EXPECT_EQ(r.value.typeId(), one.value.typeId()) << type;
-            EXPECT_EQ(r.value, one.value) << type;
+            ASSERT_TRUE(typed.findDataRecord(r.timestamp, one)) << name;
+            EXPECT_EQ(r.value.typeId(), one.value.typeId()) << name;
+            EXPECT_EQ(r.value, one.value) << name;
         }
     }
 }

@@ -53,14 +53,6 @@ protected:
         return storage.readCurrDataRecord(stream, base, depth);
     }
 
-    Record roundTrip(QMetaType::Type type, const QVariant& value)
-    {
-        QFile::remove(path);
-        TSFileStorage storage = storageOf(type);
-        write(storage, {{1000, value}}, 0, TSFileInfo::DEPTH_DAY);
-        return readFirst(storage, 0, TSFileInfo::DEPTH_DAY);
-    }
-
     QTemporaryDir tmp;
     QString path = tmp.filePath(QStringLiteral("07"));
 };
@@ -95,40 +87,12 @@ TEST_F(RecordFormat, OffsetBytesAtEveryDepthAndTheirWrap)
     }
 }
 
-TEST_F(RecordFormat, ValuesComeBackWidenedAsTheTablesSay)
-{
-    const struct {
-        QMetaType::Type type;
-        QVariant written;
-        QVariant read;  // of the type the reader gets
-    } cases[] = {
-        {QMetaType::Bool, true, true},
-        {QMetaType::Char, -56, -56},
-        {QMetaType::UChar, 200, 200},
-        {QMetaType::Short, -1, -1},
-        {QMetaType::UShort, 65535, 65535},
-        {QMetaType::Int, QStringLiteral("letters"), 0},
-        {QMetaType::UInt, 4294967295u, 4294967295u},
-        {QMetaType::LongLong, qlonglong(-5), qlonglong(-5)},
-        {QMetaType::ULongLong, qulonglong(18446744073709551615ULL), qulonglong(18446744073709551615ULL)},
-        {QMetaType::Float, 1.5f, 1.5f},
-        {QMetaType::Double, 20.25, 20.25},
-        {QMetaType::QString, QStringLiteral("text"), QStringLiteral("text")},
-    };
-    for (const auto& c : cases) {
-        const Record back = roundTrip(c.type, c.written);
-        EXPECT_EQ(back.value.typeId(), c.read.typeId()) << QMetaType(c.type).name();
-        EXPECT_EQ(back.value, c.read) << QMetaType(c.type).name();
-    }
-}
-
 TEST_F(RecordFormat, FloatValuesTakeEightBytesOnDisk)
 {
     TSFileStorage s = storageOf(QMetaType::Float);
     const QByteArray bytes = write(s, {{1, 1.5f}, {2, -2.0f}}, 0, TSFileInfo::DEPTH_DAY);
     EXPECT_EQ(bytes.size(), 2 * (4 + 8));
     EXPECT_EQ(s.getStoredRecordLength(TSFileInfo::DEPTH_DAY), 12);
-    EXPECT_EQ(storageOf(QMetaType::Double).getStoredRecordLength(TSFileInfo::DEPTH_HOUR), 11);
     EXPECT_EQ(bytes.mid(4, 8).toHex(), QByteArray("3ff8000000000000"));
 }
 

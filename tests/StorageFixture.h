@@ -60,11 +60,12 @@ protected:
 
     Records read(long long start = TSFileStorage::TS_FIRST_RECORD,
                  long long end = TSFileStorage::TS_LAST_RECORD, const QString& method = QString(),
-                 long long interval = 0)
+                 long long interval = 0, bool alignRange = false)
     {
         Interpolate::InterpolateParam param;
         param.method = method;
         param.interval = interval;
+        param.alignStartEndTimestamp = alignRange;
         Records out;
         int count = 0;
         series->readDataRecords(param, {}, start, end, out, false, count);
