@@ -11,13 +11,7 @@
 #include <new>
 
 using Kel::Interpolate;
-using Kel::test::at;
-using Kel::test::DataRecord;
-using Kel::test::ms;
-using Kel::test::Read;
-using Kel::test::request;
-using Kel::test::runRead;
-using Kel::test::show;
+using namespace Kel::test;
 
 // Counts heap allocations. Every plain form of new and delete is replaced, so
 // that memory from any of them is released the way it was taken.
@@ -250,9 +244,7 @@ TEST(AggregationHandlersLongRange, FilledSamplingWithoutRecordsEndsAtOnce)
         int limit = 40;
         Interpolate engine(request(method, 60), {}, start, end, start, end, &out, QMetaType::Double, false, limit,
                            false);
-        long long readStart = 0;
-        long long readEnd = 0;
-        engine.getRange(readStart, readEnd);
+        setUpRange(engine);
         engine.finalize();
         EXPECT_EQ(show(out), "") << method;
     }

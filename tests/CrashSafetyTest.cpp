@@ -71,15 +71,6 @@ struct Operation {
     bool oneFile;
 };
 
-Records readAll(TSFileStorage& series)
-{
-    Records out;
-    int noLimit = 0;
-    series.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, out,
-                           false, noLimit);
-    return out;
-}
-
 const QVariant* valueAt(const Records& records, long long ts)
 {
     for (const Record& r : records)

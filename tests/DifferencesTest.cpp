@@ -7,9 +7,7 @@
 #include <memory>
 
 using Kel::Interpolate;
-using Kel::test::DataRecord;
-using Kel::test::ms;
-using Kel::test::request;
+using namespace Kel::test;
 
 namespace {
 
@@ -91,17 +89,17 @@ TEST_F(Differences, CleanedCounterReadGivesConsumptionAndRaisesNegativeValuesToZ
         meter.push_back(DataRecord{t, QVariant(reading)});
         reading = reading + 10 >= 1000000 ? reading + 10 - 1000000 : reading + 10;
     }
-    Kel::test::Read read;
+    Read read;
     read.param = request("diffCtrUpCleaned", 3600);
     read.start = ms("2024-05-07T11:00:00Z");
     read.end = ms("2024-05-07T12:00:00Z");
     // The reading at the wrap is dropped and the gap up to 1000000, not the
     // reading, becomes the base: the two minutes around the wrap count 0.
-    EXPECT_EQ(Kel::test::show(Kel::test::runRead(read, meter)), "11:00=580 12:00=600");
+    EXPECT_EQ(show(runRead(read, meter)), "11:00=580 12:00=600");
 
     engine.outputEnd = ms("2024-05-07T12:00:00Z");
     engine.pushIntervalValue(ms("2024-05-07T11:00:00Z"), -5.0, false);
-    EXPECT_EQ(Kel::test::show(out), "11:00=0");
+    EXPECT_EQ(show(out), "11:00=0");
 }
 
 } // namespace

@@ -10,14 +10,7 @@
 #include <memory>
 
 using Kel::Interpolate;
-using Kel::test::at;
-using Kel::test::DataRecord;
-using Kel::test::LogCapture;
-using Kel::test::ms;
-using Kel::test::Read;
-using Kel::test::request;
-using Kel::test::runRead;
-using Kel::test::show;
+using namespace Kel::test;
 
 namespace {
 
@@ -54,9 +47,7 @@ protected:
         built = std::make_unique<Interpolate>(request(method, 3600), Params{}, ms("2024-05-07T10:00:00Z"),
                                               ms("2024-05-07T12:00:00Z"), ms("2024-01-01T00:00:00Z"),
                                               ms("2024-12-01T00:00:00Z"), &out, type, false, resultCount, countOnly);
-        long long readStart = 0;
-        long long readEnd = 0;
-        built->getRange(readStart, readEnd);
+        setUpRange(*built);
         return *built;
     }
 
@@ -135,7 +126,7 @@ TEST_F(EngineDriver, CountOnlyKeepsOneCountRecordPerEngineAndCountsInTheFirst)
     EXPECT_EQ(show(runRead(read, tenSecondOnes())), "00:00=4");
 }
 
-TEST_F(EngineDriver, IntervalValuesAreTruncatedAndCutToTheSeriesType)
+TEST_F(EngineDriver, IntervalValuesAreTruncatedAndCutToTheSeriesTypeAndNaNsLogged)
 {
     EXPECT_EQ(stored(QMetaType::Bool, 0.5), QVariant(false));
     EXPECT_EQ(stored(QMetaType::Bool, 0.5000001), QVariant(true));
@@ -149,10 +140,8 @@ TEST_F(EngineDriver, IntervalValuesAreTruncatedAndCutToTheSeriesType)
     EXPECT_EQ(stored(QMetaType::UShort, -1.0), QVariant(65535));
     EXPECT_EQ(stored(QMetaType::UChar, -1.9), QVariant(255));
     EXPECT_EQ(stored(QMetaType::Float, 0.25), QVariant(0.25f));
-}
 
-TEST_F(EngineDriver, NaNInfinityAndUnknownTypesAreLogged)
-{
+    // NaN, infinity and a type without numbers are logged.
     LogCapture log;
     EXPECT_EQ(stored(QMetaType::Int, std::numeric_limits<double>::quiet_NaN()), QVariant(0));
     EXPECT_EQ(stored(QMetaType::Double, -std::numeric_limits<double>::infinity()), QVariant(0.0));
@@ -190,9 +179,7 @@ TEST_F(EngineDriver, UnexpectedErrorIsLoggedAndStopsTheRead)
     LogCapture log;
     Interpolate e(request("", 0), {}, 0, ms("2024-05-07T12:00:00Z"), 0, ms("2024-05-07T12:00:00Z"), &out,
                   QMetaType::Double, false, resultCount, true);
-    long long readStart = 0;
-    long long readEnd = 0;
-    ASSERT_TRUE(e.getRange(readStart, readEnd));
+    ASSERT_TRUE(setUpRange(e));
     out.clear();  // the count record is gone
     EXPECT_FALSE(e.handleNextRawRecord(at("10:30", 1)));
     EXPECT_FALSE(e.handleNextRawRecord(at("10:40", 1)));
@@ -255,9 +242,7 @@ TEST_F(EngineDriver, RecordsReachTheHandlerBeforeAnyRangeIsSetButNotAfterAnEmpty
     Interpolate empty(request("meanAFill", 3600), {}, ms("2024-05-07T13:00:00Z"), ms("2024-05-07T12:00:00Z"),
                       ms("2024-05-07T08:00:00Z"), ms("2024-05-07T09:00:00Z"), &out, QMetaType::Double, false,
                       resultCount, false);
-    long long readStart = 0;
-    long long readEnd = 0;
-    EXPECT_FALSE(empty.getRange(readStart, readEnd));
+    EXPECT_FALSE(setUpRange(empty));
     empty.finalize();
     EXPECT_TRUE(out.empty());
 }

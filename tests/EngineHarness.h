@@ -44,6 +44,14 @@ struct Read {
     int recordsFed = 0;
 };
 
+// Sets the engine's range up as a reader does, wherever that says to read.
+inline bool setUpRange(Interpolate& engine)
+{
+    long long readStart = 0;
+    long long readEnd = 0;
+    return engine.getRange(readStart, readEnd);
+}
+
 inline void feed(Interpolate& engine, Read& read, const std::vector<DataRecord>& series, long long readStart,
                  long long readEnd)
 {

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -176,9 +177,10 @@ TEST_F(Faults, TimestampsBefore1970AreStoredAndOutsideTheYears0To9999Refused)
     Records batch = placeable;
     batch.push_back({year0 - 1, 6.0});
     batch.push_back({year10000, 7.0});
+    batch.push_back({std::numeric_limits<long long>::min(), 8.0});
     LogCapture log;
     EXPECT_FALSE(write(batch));
-    EXPECT_EQ(log.count(QStringLiteral("lies outside the years 0 to 9999")), 2);
+    EXPECT_EQ(log.count(QStringLiteral("lies outside the years 0 to 9999")), 3);
     EXPECT_TRUE(log.contains(QStringLiteral("Time stamp %1 lies outside").arg(year10000)));
 
     EXPECT_TRUE(sameRecords(read(), placeable));
@@ -304,10 +306,7 @@ TEST_F(Faults, ReaderBesideAnAppendingProcessSeesAGrowingPrefix)
         int status = 0;
         for (bool done = false; !done; ++reads) {
             done = ::waitpid(child, &status, WNOHANG) == child;
-            Records back;
-            int noLimit = 0;
-            reader.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, back,
-                                   false, noLimit);
+            const Records back = readAll(reader);
             ASSERT_GE(back.size(), seen) << "read " << reads;
             for (size_t i = 0; i < back.size(); ++i) {
                 ASSERT_EQ(back[i].timestamp, record(int(i)).timestamp) << "read " << reads << ", record " << i;

@@ -8,9 +8,7 @@
 #include <memory>
 
 using Kel::Interpolate;
-using Kel::test::DataRecord;
-using Kel::test::ms;
-using Kel::test::request;
+using namespace Kel::test;
 
 namespace {
 

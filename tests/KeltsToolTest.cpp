@@ -2,8 +2,7 @@
 // scratch directories, checked by its output and exit status, and against
 // the storage library where the two must agree.
 
-#include "TSFileStorage.h"
-#include "TestSupport.h"
+#include "StorageFixture.h"
 
 #include <gtest/gtest.h>
 
@@ -20,8 +19,7 @@ namespace {
 
 using Kel::Interpolate;
 using Kel::TSFileStorage;
-using Kel::test::ms;
-using Kel::test::writeBytes;
+using namespace Kel::test;
 
 struct Outcome {
     int status = -1;
@@ -65,17 +63,6 @@ protected:
     }
 
     QString dir(const QString& name = QStringLiteral("s")) const { return tmp.path() + u'/' + name; }
-
-    // What the library reads from the series, all of it unless asked otherwise.
-    static std::vector<Interpolate::DataRecord> libraryRead(TSFileStorage& series,
-                                                            const Interpolate::InterpolateParam& param = {})
-    {
-        std::vector<Interpolate::DataRecord> out;
-        int noLimit = 0;
-        series.readDataRecords(param, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, out, false,
-                               noLimit);
-        return out;
-    }
 
     // Three days of hourly readings, each day written separately, so that
     // a small size limit gives one file per day.
@@ -207,7 +194,7 @@ TEST_F(KeltsTool, CondensedReadsGiveWhatTheLibraryGives)
     param.method = QStringLiteral("meanA");
     param.interval = 3600;
     param.alignStartEndTimestamp = true;
-    const auto values = libraryRead(series, param);
+    const auto values = readAll(series, param);
     ASSERT_EQ(values.size(), 4u);
     const QStringList got = readLines(dir(), "double", {"--method", "meanA", "--interval", "1h", "--align"});
     ASSERT_EQ(got.size(), 5);
@@ -267,7 +254,7 @@ TEST_F(KeltsTool, DeleteAndCountAgreeWithTheLibrary)
     EXPECT_EQ(del.status, 0) << qPrintable(del.err);
     EXPECT_EQ(del.out, "6 records deleted\n");
     EXPECT_EQ(kelts({"count", dir(), "--type", "int"}).out, "18\n");
-    const auto left = libraryRead(series);
+    const auto left = readAll(series);
     ASSERT_EQ(left.size(), 18u);
     const QStringList printed = readLines(dir(), "int");
     ASSERT_EQ(printed.size(), int(left.size()) + 1);

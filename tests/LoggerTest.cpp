@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 using Kel::Logger;
-using Kel::test::LogCapture;
+using namespace Kel::test;
 
 TEST(Logger, FillsPlaceholdersInOrderAndHandsEntryToSink)
 {

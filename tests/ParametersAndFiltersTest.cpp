@@ -9,9 +9,7 @@
 #include <memory>
 
 using Kel::Interpolate;
-using Kel::test::DataRecord;
-using Kel::test::ms;
-using Kel::test::request;
+using namespace Kel::test;
 
 namespace {
 
@@ -105,7 +103,7 @@ protected:
         return engine->filterMatch(DataRecord{ms(time), value});
     }
 
-    Kel::test::ScopedEnv zone{"TZ", "UTC"};
+    ScopedEnv zone{"TZ", "UTC"};
     std::vector<DataRecord> out;
     int resultCount = 0;
     std::unique_ptr<Interpolate> engine;

@@ -96,10 +96,7 @@ TEST_F(Reading, RawReadsAndLookupsGiveEachTypeItsWidenedValues)
         typed.writeDataRecords({{t0, c.written}, {t0 + 1000, QVariant(-2)}, {t0 + 2000, QVariant(200)},
                                 {t0 + 3000, QVariant(1.5)}},
                                false, false);
-        Records back;
-        int noLimit = 0;
-        typed.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, back, false,
-                              noLimit);
+        const Records back = readAll(typed);
         ASSERT_EQ(back.size(), 4u) << name;
         EXPECT_EQ(back[0].value.typeId(), c.read.typeId()) << name;
         EXPECT_EQ(back[0].value, c.read) << name;

@@ -15,9 +15,7 @@
 
 using Kel::TSFileInfo;
 using Kel::TSFileStorage;
-using Kel::test::LogCapture;
-using Kel::test::ms;
-using Kel::test::readBytes;
+using namespace Kel::test;
 using Record = Kel::Interpolate::DataRecord;
 
 const QMetaType::Type kFixedTypes[] = {QMetaType::Bool,     QMetaType::Char,      QMetaType::UChar,
@@ -144,7 +142,7 @@ TEST_F(RecordFormat, LastRecordIsTheOneEndingAtTheEndOfTheFile)
 {
     TSFileStorage s = storageOf(QMetaType::Int);
     write(s, {{1, 11}, {2, 22}}, 0, TSFileInfo::DEPTH_DAY);
-    Kel::test::writeBytes(path, readBytes(path) + QByteArray::fromHex("0000"));
+    writeBytes(path, readBytes(path) + QByteArray::fromHex("0000"));
     QFile file(path);
     file.open(QIODevice::ReadOnly);
     QDataStream stream(&file);

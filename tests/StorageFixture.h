@@ -28,6 +28,16 @@ inline Records hourly(int from, int to, QMetaType::Type type = QMetaType::Double
     return r;
 }
 
+// Everything a series holds, raw or as the request condenses it.
+inline Records readAll(TSFileStorage& series, const Interpolate::InterpolateParam& param = {})
+{
+    Records out;
+    int noLimit = 0;
+    series.readDataRecords(param, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, out, false,
+                           noLimit);
+    return out;
+}
+
 inline Records joined(Records a, const Records& b)
 {
     a.insert(a.end(), b.begin(), b.end());

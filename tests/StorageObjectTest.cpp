@@ -6,7 +6,7 @@
 #include <memory>
 
 using Kel::TSFileStorage;
-using Kel::test::LogCapture;
+using namespace Kel::test;
 
 TEST(StorageObject, SeriesLivesUnderItsMarkerDirectory)
 {
@@ -45,9 +45,9 @@ TEST(StorageObject, CompanionStoragesAreSiblingsOfTheSeriesDirectory)
     EXPECT_EQ(series.getReadFilestorageForMarker(QString()), nullptr);
     EXPECT_EQ(series.getReadFilestorageForMarker(QStringLiteral("P")), nullptr);
 
-    Kel::test::makeDir(tmp.filePath(QStringLiteral("D")));
-    Kel::test::makeDir(tmp.filePath(QStringLiteral("DP")));
-    Kel::test::makeDir(tmp.filePath(QStringLiteral("DO")));
+    makeDir(tmp.filePath(QStringLiteral("D")));
+    makeDir(tmp.filePath(QStringLiteral("DP")));
+    makeDir(tmp.filePath(QStringLiteral("DO")));
     EXPECT_EQ(series.getReadFilestorageForMarker(QString()), &series);
     EXPECT_EQ(series.getReadFilestorageForMarker(QStringLiteral("X")), nullptr);
 

@@ -9,10 +9,7 @@
 #include <gtest/gtest.h>
 
 using Kel::Interpolate;
-using Kel::test::LogCapture;
-using Kel::test::request;
-using Kel::test::ScopedEnv;
-using Kel::test::writeBytes;
+using namespace Kel::test;
 
 namespace {
 

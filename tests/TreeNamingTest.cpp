@@ -8,8 +8,7 @@
 
 using Kel::TSDirControl;
 using Kel::TSFileInfo;
-using Kel::test::LogCapture;
-using Kel::test::ms;
+using namespace Kel::test;
 
 TEST(TreeNaming, BaseDirectoryIsNormalised)
 {
@@ -73,8 +72,8 @@ TEST(TreeNaming, DefaultInfoNamesNothingAndADirectoryIsNotFound)
     EXPECT_EQ(info.getBaseTsMs(), 0);
 
     QTemporaryDir tmp;
-    Kel::test::makeDir(tmp.filePath(QStringLiteral("2024")));
-    Kel::test::touch(tmp.filePath(QStringLiteral("2023")));
+    makeDir(tmp.filePath(QStringLiteral("2024")));
+    touch(tmp.filePath(QStringLiteral("2023")));
     EXPECT_FALSE(TSFileInfo(QFileInfo(tmp.filePath(QStringLiteral("2024"))), QString()).found());
     EXPECT_TRUE(TSFileInfo(QFileInfo(tmp.filePath(QStringLiteral("2023"))), QString()).found());
 }
