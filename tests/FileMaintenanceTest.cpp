@@ -46,11 +46,8 @@ TEST_F(FileMaintenance, MinuteFilesAreNeverSplit)
 {
     useSeries(QMetaType::Double, 1);
     const long long t = ms("2024-05-07T12:00:00Z");
-    write({{t, 1.0}});  // year → month
-    write({{t + 1, 2.0}});  // month → day
-    write({{t + 2, 3.0}});  // day → hour
-    write({{t + 3, 4.0}});  // hour → minute
-    write({{t + 4, 5.0}});
+    for (int i = 0; i < 5; ++i)  // each write after the first splits a level deeper
+        write({{t + i, double(i)}});
     EXPECT_TRUE(QFileInfo(file(QStringLiteral("2024/05/07/12/00"))).isFile());
     const TSFileInfo minute = series->findFile(t);
     EXPECT_EQ(minute.getDirDepth(), TSFileInfo::DEPTH_MINUTE);

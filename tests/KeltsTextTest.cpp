@@ -269,20 +269,6 @@ TEST(KeltsCsv, SplitsRowsTheWaySpreadsheetsWriteThem)
     }
 }
 
-TEST(KeltsCsv, QuotesExactlyWhatWouldNotReadBack)
-{
-    EXPECT_EQ(csvField("plain text"), "plain text");
-    EXPECT_EQ(csvField(""), "");
-    for (const QString& text : {QStringLiteral("a,b"), QStringLiteral("say \"hi\""), QStringLiteral("two\nlines"),
-                                QStringLiteral(" padded"), QStringLiteral("cr\r"), QStringLiteral("\"")}) {
-        const QString field = csvField(text);
-        EXPECT_TRUE(field.startsWith(u'"')) << qPrintable(text);
-        const std::vector<CsvReader::Row> rows = rowsOf(QStringLiteral("1,") + field + u'\n');
-        ASSERT_EQ(rows.size(), 1u);
-        EXPECT_EQ(rows[0].fields.value(1), text);
-    }
-}
-
 QStringList labelsOf(const QString& svg)
 {
     static const QRegularExpression text(QStringLiteral("<text[^>]*>([^<]*)</text>"));

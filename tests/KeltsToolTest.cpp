@@ -96,8 +96,9 @@ TEST_F(KeltsTool, EveryValueTypeRoundTripsThroughWriteAndRead)
         {"ulong", {"0", "18446744073709551615"}},
         {"float", {"0.1", "3.4028235e+38", "-1e-45", "nan", "-inf"}},
         {"double", {"0.30000000000000004", "-2.2250738585072014e-308", "1e+300", "inf"}},
+        // Quoted exactly when the text would not read back otherwise.
         {"string", {"plain", "\"with, comma\"", "\"with \"\"quotes\"\"\"", "\"two\nlines\"", "", "\" padded \"",
-                    "Grüße ✓"}},
+                    "\"cr\r\"", "\"\"\"\"", "Grüße ✓"}},
         {"variant", {"42", "1.5", "\"\"\"text\"\"\"", "\"{\"\"a\"\":[true,null]}\"", "null"}},
     };
     for (const auto& c : cases) {

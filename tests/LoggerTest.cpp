@@ -6,21 +6,6 @@
 using Kel::Logger;
 using namespace Kel::test;
 
-TEST(Logger, FillsPlaceholdersInOrderAndHandsEntryToSink)
-{
-    LogCapture log;
-    Logger::instance().out(4, QStringLiteral("File open failed (%1) on '%2', attempt %3"), "src/X", 140)
-        .arg(QStringLiteral("Read,"))
-        .arg(QStringLiteral("/tmp/a"))
-        .arg(3)
-        .endl();
-    ASSERT_EQ(log.entries.size(), 1u);
-    EXPECT_EQ(log.entries[0].message, QStringLiteral("File open failed (Read,) on '/tmp/a', attempt 3"));
-    EXPECT_EQ(log.entries[0].level, 4);
-    EXPECT_EQ(log.entries[0].sourceFile, QStringLiteral("src/X"));
-    EXPECT_EQ(log.entries[0].line, 140);
-}
-
 TEST(Logger, LowestPlaceholderIsFilledFirstArgumentsAreNotFilledAgainAndOnlyEndlDelivers)
 {
     LogCapture log;

@@ -56,42 +56,36 @@ protected:
 };
 
 // Offsets are big-endian and as wide as the depth allows; wider ones lose
-// their high bytes without a word.
-TEST_F(RecordFormat, OffsetBytesAtEveryDepthAndTheirWrap)
+// their high bytes without a word. A Float value takes 8 bytes, as a double.
+TEST_F(RecordFormat, RecordBytesAtEveryDepthAndTheOffsetsWrap)
 {
     const long long fortyDays = 3456000000LL;
     const long long minute = ms("2024-05-07T09:03:00Z");
     const struct {
+        QMetaType::Type type;
         TSFileInfo::DirDepth depth;
         long long base;
         long long ts;
+        QVariant value;
         const char* bytes;
         long long readBack;
     } cases[] = {
-        {TSFileInfo::DEPTH_YEAR, 0, fortyDays, "00 cd fe 60 00 01", fortyDays},
-        {TSFileInfo::DEPTH_MONTH, 0, fortyDays, "cd fe 60 00 01", fortyDays},
-        {TSFileInfo::DEPTH_DAY, 0, 86399999, "05 26 5b ff 01", 86399999},
-        {TSFileInfo::DEPTH_HOUR, 500, 500 + 3599999, "36 ee 7f 01", 500 + 3599999},
-        {TSFileInfo::DEPTH_MINUTE, minute, minute + 70000, "11 70 01", minute + 4464},
-        {TSFileInfo::DEPTH_YEAR, 0, (1LL << 40) + 5, "00 00 00 00 05 01", 5},
+        {QMetaType::Bool, TSFileInfo::DEPTH_YEAR, 0, fortyDays, true, "00 cd fe 60 00 01", fortyDays},
+        {QMetaType::Bool, TSFileInfo::DEPTH_MONTH, 0, fortyDays, true, "cd fe 60 00 01", fortyDays},
+        {QMetaType::Bool, TSFileInfo::DEPTH_DAY, 0, 86399999, true, "05 26 5b ff 01", 86399999},
+        {QMetaType::Bool, TSFileInfo::DEPTH_HOUR, 500, 500 + 3599999, true, "36 ee 7f 01", 500 + 3599999},
+        {QMetaType::Bool, TSFileInfo::DEPTH_MINUTE, minute, minute + 70000, true, "11 70 01", minute + 4464},
+        {QMetaType::Bool, TSFileInfo::DEPTH_YEAR, 0, (1LL << 40) + 5, true, "00 00 00 00 05 01", 5},
+        {QMetaType::Float, TSFileInfo::DEPTH_DAY, 0, 1, 1.5f, "00 00 00 01 3f f8 00 00 00 00 00 00", 1},
     };
-    TSFileStorage s = storageOf(QMetaType::Bool);
     for (const auto& c : cases) {
         QFile::remove(path);
-        EXPECT_EQ(write(s, {{c.ts, true}}, c.base, c.depth).toHex(' '), QByteArray(c.bytes)) << c.bytes;
+        TSFileStorage s = storageOf(c.type);
+        EXPECT_EQ(write(s, {{c.ts, c.value}}, c.base, c.depth).toHex(' '), QByteArray(c.bytes)) << c.bytes;
         const Record back = readFirst(s, c.base, c.depth);
         EXPECT_EQ(back.timestamp, c.readBack) << c.bytes;
-        EXPECT_EQ(back.value, QVariant(true)) << c.bytes;
+        EXPECT_EQ(back.value, c.value) << c.bytes;
     }
-}
-
-TEST_F(RecordFormat, FloatValuesTakeEightBytesOnDisk)
-{
-    TSFileStorage s = storageOf(QMetaType::Float);
-    const QByteArray bytes = write(s, {{1, 1.5f}, {2, -2.0f}}, 0, TSFileInfo::DEPTH_DAY);
-    EXPECT_EQ(bytes.size(), 2 * (4 + 8));
-    EXPECT_EQ(s.getStoredRecordLength(TSFileInfo::DEPTH_DAY), 12);
-    EXPECT_EQ(bytes.mid(4, 8).toHex(), QByteArray("3ff8000000000000"));
 }
 
 TEST_F(RecordFormat, VariableValuesGoToTheSideFileAtItsPreviousSize)
