@@ -230,24 +230,16 @@ protected:
         if (mounted)
             ::umount2(QFile::encodeName(tmp.path()).constData(), MNT_DETACH);
     }
-    // Fills the disk; returns the filler's path.
-    QString fill()
-    {
-        const QString path = tmp.filePath(QStringLiteral("filler"));
-        QFile f(path);
-        f.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
-        const QByteArray block(512, 'x');
-        while (f.write(block) == block.size()) {
-        }
-        return path;
-    }
     bool mounted = false;
 };
 
 TEST_F(FullDisk, FailedAppendAndInsertKeepEveryStoredRecord)
 {
     ASSERT_TRUE(write(hourly(0, 50)));
-    const QString filler = fill();
+    QFile fill(tmp.filePath(QStringLiteral("filler")));  // until the disk is full
+    fill.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
+    while (fill.write(QByteArray(512, 'x')) == 512) {
+    }
 
     LogCapture log;
     EXPECT_FALSE(write(hourly(100, 1100)));
@@ -268,7 +260,7 @@ TEST_F(FullDisk, FailedAppendAndInsertKeepEveryStoredRecord)
     EXPECT_FALSE(QFileInfo::exists(yearFile() + QStringLiteral(".new")));
 
     // With room again, the next write repairs the file and goes on.
-    QFile::remove(filler);
+    fill.remove();
     ASSERT_TRUE(write({{t0 + hour / 2, 9.0}}));
     const Records repaired = read();
     EXPECT_EQ(repaired.size(), afterAppend.size() + 1);

@@ -241,9 +241,19 @@ TEST_F(KeltsTool, LongWritesAreSortedTheLaterOfTwoLinesWinsAndReadsComeWhole)
     EXPECT_EQ(kelts({"count", dir(), "--type", "int"}).out, QStringLiteral("%1\n").arg(n));
 }
 
-TEST_F(KeltsTool, DeleteAndCountAgreeWithTheLibrary)
+TEST_F(KeltsTool, LookupsCountsAndDeletesAgreeWithTheLibrary)
 {
     writeThreeDays(dir());
+    auto one = [&](const QStringList& args) { return kelts(QStringList(args) << "--type" << "int").out.trimmed(); };
+    EXPECT_EQ(one({"first", dir()}), "2024-05-06T10:00:00.000Z,10");
+    EXPECT_EQ(one({"last", dir(), "--time", "ms"}), "1715187600000,17");
+    EXPECT_EQ(one({"find", dir(), "--at", "2024-05-07T12:00:00Z"}), "2024-05-07T12:00:00.000Z,12");
+    EXPECT_EQ(one({"prev", dir(), "--at", "2024-05-07T12:00:00Z"}), "2024-05-07T11:00:00.000Z,11");
+    // Before the first record of a day file: the record before lies in the
+    // file of the day before.
+    EXPECT_EQ(one({"prev", dir(), "--at", "2024-05-07T09:00:00Z"}), "2024-05-06T17:00:00.000Z,17");
+    EXPECT_EQ(one({"prev", dir(), "--at", "2024-05-07T10:00:00Z"}), "2024-05-06T17:00:00.000Z,17");
+
     TSFileStorage series(dir(), QMetaType::Int, 64);
     const QStringList range{"--type", "int", "--from", "2024-05-07T10:00:00Z", "--to", "2024-05-07T15:00:00Z"};
     EXPECT_EQ(kelts({"count", dir(), "--type", "int"}).out, "24\n");
@@ -298,20 +308,6 @@ TEST_F(KeltsTool, BackfillAndOverwrittenValuesAreKeptShownAndDeletedApart)
     EXPECT_FALSE(QFileInfo::exists(dir() + "/DP"));
     EXPECT_EQ(kelts(marker + QStringList{"O"}).out, "1 record deleted\n");
     EXPECT_EQ(kelts({"count", dir(), "--type", "double", "--backfill", "--overwritten"}).out, "4\n");
-}
-
-TEST_F(KeltsTool, SingleRecordLookups)
-{
-    writeThreeDays(dir());
-    auto one = [&](const QStringList& args) { return kelts(QStringList(args) << "--type" << "int").out.trimmed(); };
-    EXPECT_EQ(one({"first", dir()}), "2024-05-06T10:00:00.000Z,10");
-    EXPECT_EQ(one({"last", dir(), "--time", "ms"}), "1715187600000,17");
-    EXPECT_EQ(one({"find", dir(), "--at", "2024-05-07T12:00:00Z"}), "2024-05-07T12:00:00.000Z,12");
-    EXPECT_EQ(one({"prev", dir(), "--at", "2024-05-07T12:00:00Z"}), "2024-05-07T11:00:00.000Z,11");
-    // Before the first record of a day file: the record before lies in the
-    // file of the day before.
-    EXPECT_EQ(one({"prev", dir(), "--at", "2024-05-07T09:00:00Z"}), "2024-05-06T17:00:00.000Z,17");
-    EXPECT_EQ(one({"prev", dir(), "--at", "2024-05-07T10:00:00Z"}), "2024-05-06T17:00:00.000Z,17");
 }
 
 TEST_F(KeltsTool, InfoDescribesEachSeriesAndCheckFindsDamageChangingNothing)
