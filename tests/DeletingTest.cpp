@@ -18,11 +18,19 @@ protected:
     const long long hour = 3600000LL;
 };
 
-TEST_F(Deleting, WholeSeriesRemovesItsDirectoryAndEmptyParents)
+// Deleting the whole series removes its directory and the parents it
+// leaves empty; the companions stay unless the two-argument form is used.
+TEST_F(Deleting, WholeSeriesGoesWithItsDirectoriesAndTheTwoArgumentFormTakesTheCompanions)
 {
-    ASSERT_TRUE(QFileInfo(file(QStringLiteral("2024/05/07"))).isFile());
+    write({{t0, QStringLiteral("again")}}, true, true);
+    ASSERT_TRUE(QDir(tmp.path() + QStringLiteral("/VP")).exists());
     EXPECT_TRUE(series->deleteDataRecords(0, ms("2100-01-01T00:00:00Z"), QString()));
     EXPECT_FALSE(QDir(series->baseDir).exists());
+    EXPECT_TRUE(QDir(tmp.path() + QStringLiteral("/VP")).exists());
+
+    series->deleteDataRecords(0, ms("2100-01-01T00:00:00Z"));
+    EXPECT_FALSE(QDir(tmp.path() + QStringLiteral("/VP")).exists());
+    EXPECT_FALSE(QDir(tmp.path() + QStringLiteral("/VO")).exists());
     EXPECT_FALSE(QDir(tmp.path()).exists());  // the scratch directory was left empty too
 }
 
@@ -48,14 +56,4 @@ TEST_F(Deleting, PartlyCoveredFilesKeepTheRestAndAStrictSideFile)
     EXPECT_FALSE(QFileInfo::exists(file(QStringLiteral("2024/05/09"))));
     EXPECT_EQ(readBytes(file(QStringLiteral("2024/05/08.var"))),
               bytesOf(hourly(24, 30, QMetaType::QString), QMetaType::QString, QStringLiteral("2024.var")));
-}
-
-TEST_F(Deleting, TwoArgumentFormClearsTheCompanionsToo)
-{
-    write({{t0, QStringLiteral("again")}}, true, true);
-    ASSERT_TRUE(QDir(tmp.path() + QStringLiteral("/VP")).exists());
-    series->deleteDataRecords(0, ms("2100-01-01T00:00:00Z"));
-    EXPECT_FALSE(QDir(tmp.path() + QStringLiteral("/VP")).exists());
-    EXPECT_FALSE(QDir(tmp.path() + QStringLiteral("/VO")).exists());
-    EXPECT_FALSE(QDir(series->baseDir).exists());
 }

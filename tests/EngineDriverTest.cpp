@@ -156,14 +156,6 @@ TEST_F(EngineDriver, IntervalValuesAreTruncatedAndCutToTheSeriesTypeAndNaNsLogge
     EXPECT_EQ(log.entries[0].sourceFile, QStringLiteral("lib/KelTSFileStorage/src/Interpolate"));
 }
 
-TEST_F(EngineDriver, ValuesAreStampedAtIntervalStartWhenAsked)
-{
-    Read read = chained({});
-    read.start = ms("2024-05-07T10:00:00Z");
-    read.labelAtIntervalStart = true;
-    EXPECT_EQ(show(runRead(read, hourly)), "10:00=10 11:00=11 12:00=12");
-}
-
 TEST_F(EngineDriver, ValuesPastTheOutputEndAreDroppedAndReadingGoesOn)
 {
     Interpolate& e = engine("meanAFill");

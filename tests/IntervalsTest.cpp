@@ -112,7 +112,7 @@ TEST_F(Intervals, LinearInterpolationTakesAFirstPointAtZeroAsNoPoint)
     EXPECT_DOUBLE_EQ(e.linearInterpolate(1000, 1.0, 1500, 1000, 3.0), 3.0);
 }
 
-TEST_F(Intervals, ReadStartsOneIntervalBeforeTheRangeAlignedOrAsGiven)
+TEST_F(Intervals, ReadStartsOneIntervalBeforeTheRangeAndIsClampedToTheSeries)
 {
     EXPECT_EQ(range(engine("meanA", 3600)), "09:17 12:40 10:17 12:40");
     EXPECT_EQ(range(engine("meanA", 3600, "2024-05-07T10:17:00Z", "2024-05-07T12:40:00Z", true)),
@@ -123,10 +123,9 @@ TEST_F(Intervals, ReadStartsOneIntervalBeforeTheRangeAlignedOrAsGiven)
     labelAtStart = true;
     EXPECT_EQ(range(engine("meanA", 3600, "2024-05-07T10:17:00Z", "2024-05-07T12:40:00Z", true)),
               "10:00 14:00 11:00 14:00");
-}
 
-TEST_F(Intervals, RangeIsClampedToTheSeries)
-{
+    // Clamped to the series.
+    labelAtStart = false;
     first = ms("2024-05-07T10:30:00Z");
     last = ms("2024-05-07T12:10:00Z");
     EXPECT_EQ(range(engine("meanA", 3600, "2024-05-07T10:17:00Z", "2024-05-07T12:40:00Z", true)),

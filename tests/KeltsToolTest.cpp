@@ -2,6 +2,7 @@
 // scratch directories, checked by its output and exit status, and against
 // the storage library where the two must agree.
 
+#include "EngineHarness.h"
 #include "StorageFixture.h"
 
 #include <gtest/gtest.h>
@@ -191,11 +192,7 @@ TEST_F(KeltsTool, CondensedReadsGiveWhatTheLibraryGives)
     write(dir(), "double", csv);
 
     TSFileStorage series(dir(), QMetaType::Double, 1 << 22);
-    Interpolate::InterpolateParam param;
-    param.method = QStringLiteral("meanA");
-    param.interval = 3600;
-    param.alignStartEndTimestamp = true;
-    const auto values = readAll(series, param);
+    const auto values = readAll(series, request("meanA", 3600, true));
     ASSERT_EQ(values.size(), 4u);
     const QStringList got = readLines(dir(), "double", {"--method", "meanA", "--interval", "1h", "--align"});
     ASSERT_EQ(got.size(), 5);

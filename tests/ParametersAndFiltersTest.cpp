@@ -118,17 +118,15 @@ protected:
     std::unique_ptr<Interpolate> engine;
 };
 
-TEST_F(FilterMatching, WindowAcrossMidnightIncludesBothEndsAndKeepsItsEnd)
+TEST_F(FilterMatching, WindowsIncludeBothEndsAcrossMidnightAndZeroOrADayIsAnInstant)
 {
     use(R"([{"timeStart":"22:00","duration":28800}])");
     EXPECT_EQ(passing({"2024-05-07T22:00:00Z", "2024-05-07T23:30:00Z", "2024-05-08T05:00:00Z", "2024-05-08T06:00:00Z",
                        "2024-05-08T06:00:00.001Z", "2024-05-07T12:00:00Z"}),
               "111100");
     EXPECT_EQ(engine->filters[0].timeEnd, QTime(6, 0));
-}
 
-TEST_F(FilterMatching, ZeroDurationOrAWholeDayIsASingleInstant)
-{
+    // A duration of zero or of a whole day is a single instant.
     for (const char* json : {R"([{"timeStart":"08:00","duration":0}])", R"([{"timeStart":"08:00","duration":86400}])"}) {
         use(json);
         EXPECT_EQ(passing({"2024-05-07T08:00:00Z", "2024-05-07T08:00:00.001Z", "2024-05-07T07:59:59.999Z"}), "100")

@@ -110,7 +110,7 @@ TEST_F(Templates, KeysLeftOutKeepTheCallersValuesExceptTheOffsetAndWrongTypesTak
     EXPECT_EQ(shown(chain[0]), "prevNextLinearFill 900 30");
 }
 
-TEST_F(Templates, LaterFilesOverrideTheKeysTheyCarry)
+TEST_F(Templates, LaterFilesOverrideTheKeysTheyCarryAndNamesMatchExactly)
 {
     writeBytes(installFile(), R"([{"name":"Daily","interpolateParam":{"method":"meanA","interval":-1,
         "offsetMinFromUTC":60},"normalizeParams":[{"method":"prev"}]}])");
@@ -122,13 +122,11 @@ TEST_F(Templates, LaterFilesOverrideTheKeysTheyCarry)
     EXPECT_EQ(shown(chain[0]), "prev 900 30");
     lookUp("Other");
     EXPECT_TRUE(chain.empty());
-}
 
-TEST_F(Templates, NamesMatchExactlyAfterAnExclamationMark)
-{
-    writeBytes(installFile(), R"([{"name":"Daily","interpolateParam":{"method":"meanA"}}])");
+    // Names match exactly after a "!"; a name that matches none leaves the
+    // caller's request and chain as they were.
     lookUp("!Daily");
-    EXPECT_EQ(shown(param), "meanA 77 30");
+    EXPECT_EQ(shown(param), "max -1 30");
     lookUp("daily");
     EXPECT_EQ(shown(param), "callers 77 -5");
     ASSERT_EQ(chain.size(), 1u);

@@ -98,18 +98,6 @@ TEST_F(TreeLookup, NeighboursAreTheNearestFilesInAnyBranch)
     EXPECT_EQ(rel(tree.findPrevFile(missing)), QStringLiteral("2024/01/01"));
 }
 
-TEST_F(TreeLookup, EmptyDirectoryEndsTheSearch)
-{
-    touch(at("2024/06"));
-    makeDir(at("2024/07"));
-    touch(at("2024/08"));
-
-    EXPECT_TRUE(tree.findNextFile(tree.findFile(ms("2024-06-15T00:00:00Z"))).filePath().isEmpty());
-
-    makeDir(at("2025"));
-    EXPECT_TRUE(tree.findLastFile().filePath().isEmpty());
-}
-
 // Levels are files, directories and what links point to; names of other
 // lengths, hidden names, pipes and dangling links are passed over.
 TEST_F(TreeLookup, OnlyEntriesOfTheTreeAreSeen)
@@ -142,10 +130,19 @@ TEST_F(TreeLookup, MissingBaseDirectoryFindsNothing)
     EXPECT_TRUE(missing.findNextFile(TSFileInfo()).filePath().isEmpty());
 }
 
-// A name that is no date (month 20) has no period; the walk moves on by the
-// names on disk and ends, where it used to start over from 1970 for ever.
-TEST_F(TreeLookup, WalkPastANameThatIsNoDateEnds)
+// A walk ends at an empty directory. A name that is no date (month 20)
+// has no period; the walk moves on by the names on disk and ends, where it
+// used to start over from 1970 for ever.
+TEST_F(TreeLookup, WalksEndAtAnEmptyDirectoryAndPastANameThatIsNoDate)
 {
+    touch(at("2024/06"));
+    makeDir(at("2024/07"));
+    touch(at("2024/08"));
+    EXPECT_TRUE(tree.findNextFile(tree.findFile(ms("2024-06-15T00:00:00Z"))).filePath().isEmpty());
+    makeDir(at("2025"));
+    EXPECT_TRUE(tree.findLastFile().filePath().isEmpty());
+
+    QDir(base).removeRecursively();
     touch(at("3820/20"));
     touch(at("5702/05/19/07"));
     TSFileInfo info = tree.findFirstFile();
