@@ -81,6 +81,9 @@ TEST_F(AggregationHandlers, EachMethodOverTheIntervalsOfASeries)
     const std::vector<DataRecord> extremes = {at("10:10", 5), at("10:20", 2), at("10:40", 2), at("10:50", 7),
                                               at("10:55", 7), at("11:20", 3), at("11:30", kNaN)};
     const std::vector<DataRecord> twoHours = {at("10:10", 1), at("10:20", 1), at("10:30", 2), at("11:10", 8)};
+    std::vector<DataRecord> quarters;  // a meter read on the quarter hour
+    for (int i = 0; i <= 16; ++i)
+        quarters.push_back(DataRecord{ms("2024-05-07T09:45:00Z") + i * 900000LL, QVariant(1000.0 + 15.0 * i)});
     const struct {
         const char* method;
         std::vector<DataRecord> series;
@@ -126,6 +129,13 @@ TEST_F(AggregationHandlers, EachMethodOverTheIntervalsOfASeries)
         {"prevNextLinear", {at("09:30", 1), at("11:30", 5), at("12:30", 9), at("13:30", 3)}, "12:00=7 13:00=6"},
         {"prevNextLinearFill", {at("09:30", 1), at("11:30", 5), at("12:30", 9), at("13:30", 3)},
          "11:00=5 12:00=7 13:00=6"},
+        // A meter counting a unit a minute, read at uneven times and on the
+        // quarter hour: differences are shared between intervals in proportion
+        // to time; without linear each counts whole in the hour of its record.
+        {"diff", {at("10:00", 0), at("10:50", 50), at("11:10", 70), at("12:40", 160), at("13:20", 200)},
+         "11:00=60 12:00=60 13:00=60"},
+        {"diff", quarters, "11:00=60 12:00=60 13:00=60"},
+        {"diffSum", {at("10:00", 0), at("10:50", 50), at("11:10", 70), at("12:40", 160)}, "11:00=50 12:00=20 13:00=90"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(read(c.method, c.series), c.expected) << c.method;
@@ -167,20 +177,6 @@ TEST_F(AggregationHandlers, ValueOfAnHourFromItsRecords)
     };
     for (const auto& c : cases)
         EXPECT_EQ(hour(c.method, c.values), c.expected) << c.method;
-}
-
-TEST_F(AggregationHandlers, MeterDifferencesAreSharedBetweenIntervalsInProportionToTime)
-{
-    // A meter counting one unit a minute, read at uneven times and on the quarter hour.
-    EXPECT_EQ(read("diff", {at("10:00", 0), at("10:50", 50), at("11:10", 70), at("12:40", 160), at("13:20", 200)}),
-              "11:00=60 12:00=60 13:00=60");
-    std::vector<DataRecord> quarters;
-    for (int i = 0; i <= 16; ++i)
-        quarters.push_back(DataRecord{ms("2024-05-07T09:45:00Z") + i * 900000LL, QVariant(1000.0 + 15.0 * i)});
-    EXPECT_EQ(read("diff", quarters), "11:00=60 12:00=60 13:00=60");
-    // Without linear each difference counts whole in the hour of its record.
-    EXPECT_EQ(read("diffSum", {at("10:00", 0), at("10:50", 50), at("11:10", 70), at("12:40", 160)}),
-              "11:00=50 12:00=20 13:00=90");
 }
 
 TEST_F(AggregationHandlers, FiltersChooseRawRecordsAndIntervalValues)

@@ -21,7 +21,7 @@ protected:
     const long long last = t0 + (3 * 1440 - 1) * 60000LL;
 };
 
-TEST_F(Reading, EveryRangeReadsAndCountsExactlyItsRecords)
+TEST_F(Reading, EveryRangeReadsAndCountsExactlyItsRecordsAndALimitStopsTheRead)
 {
     // Inclusive at both ends; ends inside a file, at a file's last record and
     // between records, over none, one and two file boundaries; none at all.
@@ -47,15 +47,13 @@ TEST_F(Reading, EveryRangeReadsAndCountsExactlyItsRecords)
     }
     // Asked for neither its own records nor a companion's, a count is 0.
     EXPECT_EQ(series->getCount({}, {}, 0, last, false, false, false), 0);
-}
 
-TEST_F(Reading, LimitStopsTheReadAndReportsTheCount)
-{
+    // A limit stops the read and reports the count.
     Records out;
-    int count = 5;
-    series->readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, out, false, count);
+    int limit = 5;
+    series->readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, out, false, limit);
     EXPECT_EQ(out.size(), 5u);
-    EXPECT_EQ(count, 5);
+    EXPECT_EQ(limit, 5);
 }
 
 TEST_F(Reading, MissingFilesAreSkippedAndTheWalkGoesOn)
