@@ -52,11 +52,7 @@ protected:
     // Hourly results for the interval ends 11:00 to 13:00.
     std::string read(const char* method, const std::vector<DataRecord>& series, bool countOnly = false)
     {
-        Read r;
-        r.param = request(method, 3600);
-        r.start = ms("2024-05-07T11:00:00Z");
-        r.end = ms("2024-05-07T13:00:00Z");
-        r.countOnly = countOnly;
+        Read r{request(method, 3600), {}, ms("2024-05-07T11:00:00Z"), ms("2024-05-07T13:00:00Z"), false, countOnly};
         return show(runRead(r, series));
     }
 
@@ -184,11 +180,8 @@ TEST_F(AggregationHandlers, FiltersChooseRawRecordsAndIntervalValues)
     Interpolate::FilterParam above6;
     above6.valueCompare = QStringLiteral("gt");
     above6.value = 6;
-    Read raw;
-    raw.param = request("", 0);
+    Read raw{request("", 0), {}, ms("2024-05-07T10:00:00Z"), ms("2024-05-07T13:00:00Z")};
     raw.param.filterParams = {above6};
-    raw.start = ms("2024-05-07T10:00:00Z");
-    raw.end = ms("2024-05-07T13:00:00Z");
     EXPECT_EQ(show(runRead(raw, gappy)), "10:40=7 12:20=9");
 
     raw.countOnly = true;

@@ -89,10 +89,7 @@ TEST_F(Differences, CleanedCounterReadGivesConsumptionAndRaisesNegativeValuesToZ
         meter.push_back(DataRecord{t, QVariant(reading)});
         reading = reading + 10 >= 1000000 ? reading + 10 - 1000000 : reading + 10;
     }
-    Read read;
-    read.param = request("diffCtrUpCleaned", 3600);
-    read.start = ms("2024-05-07T11:00:00Z");
-    read.end = ms("2024-05-07T12:00:00Z");
+    Read read{request("diffCtrUpCleaned", 3600), {}, ms("2024-05-07T11:00:00Z"), ms("2024-05-07T12:00:00Z")};
     // The reading at the wrap is dropped and the gap up to 1000000, not the
     // reading, becomes the base: the two minutes around the wrap count 0.
     EXPECT_EQ(show(runRead(read, meter)), "11:00=580 12:00=600");

@@ -29,13 +29,8 @@ protected:
 
     static Read chained(Params chain, const char* method = "meanA", bool countOnly = false)
     {
-        Read read;
-        read.param = request(method, 3600);
-        read.chain = std::move(chain);
-        read.start = ms("2024-05-07T11:00:00Z");
-        read.end = ms("2024-05-07T12:00:00Z");
-        read.countOnly = countOnly;
-        return read;
+        return Read{request(method, 3600), std::move(chain), ms("2024-05-07T11:00:00Z"), ms("2024-05-07T12:00:00Z"),
+                    false, countOnly};
     }
 
     // An hourly engine over 10:00 to 12:00 whose range is set up.

@@ -33,6 +33,7 @@ inline DataRecord at(const char* time, double value)
     return DataRecord{ms((std::string("2024-05-07T") + time + "Z").c_str()), QVariant(value)};
 }
 
+// A read: {request, chain, start, end, label at start, count only, limit}.
 struct Read {
     InterpolateParam param;
     std::vector<InterpolateParam> chain;

@@ -155,13 +155,7 @@ protected:
     void expectSameAsRecordByRecord(const InterpolateParam& param, const std::vector<InterpolateParam>& chain,
                                     long long start, long long end, bool label, int limit)
     {
-        Read read;
-        read.param = param;
-        read.chain = chain;
-        read.start = start;
-        read.end = end;
-        read.labelAtIntervalStart = label;
-        read.resultCount = limit;
+        Read read{param, chain, start, end, label, false, limit};
         const Records expected = runRead(read, all);
 
         Records got;
