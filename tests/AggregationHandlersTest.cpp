@@ -11,13 +11,7 @@
 #include <new>
 
 using Kel::Interpolate;
-using Kel::test::at;
-using Kel::test::DataRecord;
-using Kel::test::ms;
-using Kel::test::Read;
-using Kel::test::request;
-using Kel::test::runRead;
-using Kel::test::show;
+using namespace Kel::test;
 
 // Counts heap allocations. Every plain form of new and delete is replaced, so
 // that memory from any of them is released the way it was taken.
@@ -58,11 +52,7 @@ protected:
     // Hourly results for the interval ends 11:00 to 13:00.
     std::string read(const char* method, const std::vector<DataRecord>& series, bool countOnly = false)
     {
-        Read r;
-        r.param = request(method, 3600);
-        r.start = ms("2024-05-07T11:00:00Z");
-        r.end = ms("2024-05-07T13:00:00Z");
-        r.countOnly = countOnly;
+        Read r{request(method, 3600), {}, ms("2024-05-07T11:00:00Z"), ms("2024-05-07T13:00:00Z"), false, countOnly};
         return show(runRead(r, series));
     }
 
@@ -82,17 +72,69 @@ protected:
                                            at("13:10", 4)};
 };
 
-TEST_F(AggregationHandlers, RecordExactlyAtAnIntervalEndBelongsToTheNextInterval)
+TEST_F(AggregationHandlers, EachMethodOverTheIntervalsOfASeries)
 {
-    EXPECT_EQ(read("count", {at("10:00", 1), at("10:30", 1), at("11:00", 1), at("12:59:59.999", 1)}),
-              "11:00=2 12:00=1 13:00=1");
-}
-
-TEST_F(AggregationHandlers, EmptyIntervalsYieldNothingZeroOrNull)
-{
-    EXPECT_EQ(read("count", gappy), "11:00=2 13:00=1");
-    EXPECT_EQ(read("countFill", gappy), "11:00=2 12:00=0 13:00=1");
-    EXPECT_EQ(read("countFillNull", gappy), "11:00=2 12:00=null 13:00=1");
+    const std::vector<DataRecord> extremes = {at("10:10", 5), at("10:20", 2), at("10:40", 2), at("10:50", 7),
+                                              at("10:55", 7), at("11:20", 3), at("11:30", kNaN)};
+    const std::vector<DataRecord> twoHours = {at("10:10", 1), at("10:20", 1), at("10:30", 2), at("11:10", 8)};
+    std::vector<DataRecord> quarters;  // a meter read on the quarter hour
+    for (int i = 0; i <= 16; ++i)
+        quarters.push_back(DataRecord{ms("2024-05-07T09:45:00Z") + i * 900000LL, QVariant(1000.0 + 15.0 * i)});
+    const struct {
+        const char* method;
+        std::vector<DataRecord> series;
+        const char* expected;
+    } cases[] = {
+        // A record exactly at an interval end belongs to the next interval.
+        {"count", {at("10:00", 1), at("10:30", 1), at("11:00", 1), at("12:59:59.999", 1)}, "11:00=2 12:00=1 13:00=1"},
+        // Empty intervals yield nothing, zero or null.
+        {"count", gappy, "11:00=2 13:00=1"},
+        {"countFill", gappy, "11:00=2 12:00=0 13:00=1"},
+        {"countFillNull", gappy, "11:00=2 12:00=null 13:00=1"},
+        {"sum", gappy, "11:00=12 13:00=9"},
+        {"sumFill", gappy, "11:00=12 12:00=0 13:00=9"},
+        // Extremes are stamped where they happened, the earliest of equal
+        // ones, unless aligned; NaN never replaces one.
+        {"min", extremes, "10:20=2 11:20=3"},
+        {"max", extremes, "10:50=7 11:20=3"},
+        {"minAlign", extremes, "11:00=2 12:00=3"},
+        {"maxFill", gappy, "10:40=7 12:00=7 12:20=9"},
+        {"maxFillNull", gappy, "10:40=7 12:00=null 12:20=9"},
+        // minMax: the minimum at the interval end, the maximum 1 ms later.
+        {"minMax", gappy, "11:00=5 11:00:00.001=7 13:00=9 13:00:00.001=9"},
+        {"minMaxFill", gappy, "11:00=5 11:00:00.001=7 12:00=5 12:00:00.001=7 13:00=9 13:00:00.001=9"},
+        {"minMaxAverage", gappy, "11:00=6 13:00=9"},
+        // The median and the mode start afresh in each interval.
+        {"median", twoHours, "11:00=1 12:00=8"},
+        {"mode", twoHours, "11:00=1 12:00=8"},
+        // prev holds, next looks ahead, prevNext gives both.
+        {"prev", gappy, "11:00=7 13:00=9"},
+        {"prevFill", gappy, "11:00=7 12:00=7 13:00=9"},
+        {"prev", {at("10:30", 1), at("11:00", 2), at("11:30", 3), at("12:30", 4)}, "11:00=2 12:00=3 13:00=4"},
+        {"next", gappy, "11:00=9 13:00=4"},
+        {"nextFill", gappy, "11:00=9 12:00=9 13:00=4"},
+        {"prevNext", gappy, "11:00=7 11:00:00.001=9 13:00=9 13:00:00.001=4"},
+        // Linear at each interval end (11:00 between 10:40 = 7 and 12:20 = 9,
+        // 13:00 between 12:20 = 9 and 13:10 = 4), never past the last record.
+        {"prevNextLinear", gappy, "11:00=7.4 13:00=5"},
+        {"prevNextLinearFill", gappy, "11:00=7.4 12:00=8.6 13:00=5"},
+        {"prevNextLinearFillNull", gappy, "11:00=7.4 12:00=null 13:00=5"},
+        {"prevNextLinearFill", {gappy.begin(), gappy.end() - 1}, "11:00=7.4 12:00=8.6"},
+        // 09:30 only leads in; 11:30, the first record read, starts the line,
+        // so 11:00 is held back from it when filled.
+        {"prevNextLinear", {at("09:30", 1), at("11:30", 5), at("12:30", 9), at("13:30", 3)}, "12:00=7 13:00=6"},
+        {"prevNextLinearFill", {at("09:30", 1), at("11:30", 5), at("12:30", 9), at("13:30", 3)},
+         "11:00=5 12:00=7 13:00=6"},
+        // A meter counting a unit a minute, read at uneven times and on the
+        // quarter hour: differences are shared between intervals in proportion
+        // to time; without linear each counts whole in the hour of its record.
+        {"diff", {at("10:00", 0), at("10:50", 50), at("11:10", 70), at("12:40", 160), at("13:20", 200)},
+         "11:00=60 12:00=60 13:00=60"},
+        {"diff", quarters, "11:00=60 12:00=60 13:00=60"},
+        {"diffSum", {at("10:00", 0), at("10:50", 50), at("11:10", 70), at("12:40", 160)}, "11:00=50 12:00=20 13:00=90"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(read(c.method, c.series), c.expected) << c.method;
 }
 
 TEST_F(AggregationHandlers, FilledReadsYieldAsManyResultsAsTheKnownCount)
@@ -105,98 +147,32 @@ TEST_F(AggregationHandlers, FilledReadsYieldAsManyResultsAsTheKnownCount)
     }
 }
 
-TEST_F(AggregationHandlers, Means)
+TEST_F(AggregationHandlers, ValueOfAnHourFromItsRecords)
 {
-    EXPECT_EQ(hour("meanA", {1, 2, 3, 6}), "11:00=3");
-    EXPECT_EQ(hour("meanG", {1, 4, 16}), "11:00=4");
-    EXPECT_EQ(hour("meanH", {1, 4, 4}), "11:00=2");
-    EXPECT_EQ(hour("meanS", {1, 7}), "11:00=5");
-}
-
-TEST_F(AggregationHandlers, ZeroActsAsOneInTheGeometricMeanAndDropsOutOfTheHarmonicSum)
-{
-    EXPECT_EQ(hour("meanG", {0, 4}), "11:00=2");
-    EXPECT_EQ(hour("meanH", {0, 1, 1}), "11:00=1.5");
-    EXPECT_EQ(hour("meanH", {0, 0}), "");
-    EXPECT_EQ(hour("meanHFillNull", {0, 0}), "11:00=null 12:00=null 13:00=null");
-}
-
-TEST_F(AggregationHandlers, MedianIsTheLowerMiddleValueAndModeTheSmallestMostFrequent)
-{
-    EXPECT_EQ(hour("median", {9, 1, 5}), "11:00=5");
-    EXPECT_EQ(hour("median", {9, 1, 5, 7}), "11:00=5");
-    EXPECT_EQ(hour("median", {3, kNaN, 8, 1}), "11:00=3");
-    EXPECT_EQ(hour("mode", {2, 7, 7, 2, 7}), "11:00=7");
-    EXPECT_EQ(hour("mode", {9, 4, 9, 4}), "11:00=4");
-    // Each interval starts afresh.
-    EXPECT_EQ(read("median", {at("10:10", 1), at("10:20", 1), at("10:30", 2), at("11:10", 8)}), "11:00=1 12:00=8");
-    EXPECT_EQ(read("mode", {at("10:10", 1), at("10:20", 1), at("10:30", 2), at("11:10", 8)}), "11:00=1 12:00=8");
-}
-
-TEST_F(AggregationHandlers, ExtremesAreStampedWhereTheyHappenedUnlessAligned)
-{
-    const std::vector<DataRecord> series = {at("10:10", 5), at("10:20", 2), at("10:40", 2), at("10:50", 7),
-                                            at("10:55", 7), at("11:20", 3), at("11:30", kNaN)};
-    EXPECT_EQ(read("min", series), "10:20=2 11:20=3");  // the earliest of equal extremes; NaN never replaces
-    EXPECT_EQ(read("max", series), "10:50=7 11:20=3");
-    EXPECT_EQ(read("minAlign", series), "11:00=2 12:00=3");
-    EXPECT_EQ(read("maxFill", gappy), "10:40=7 12:00=7 12:20=9");
-    EXPECT_EQ(read("maxFillNull", gappy), "10:40=7 12:00=null 12:20=9");
-}
-
-TEST_F(AggregationHandlers, MinMaxGivesTheMinimumAtTheEndAndTheMaximumOneMillisecondLater)
-{
-    EXPECT_EQ(read("minMax", gappy), "11:00=5 11:00:00.001=7 13:00=9 13:00:00.001=9");
-    EXPECT_EQ(read("minMaxFill", gappy), "11:00=5 11:00:00.001=7 12:00=5 12:00:00.001=7 13:00=9 13:00:00.001=9");
-    EXPECT_EQ(read("minMaxAverage", gappy), "11:00=6 13:00=9");
-}
-
-TEST_F(AggregationHandlers, PrevHoldsNextLooksAheadPrevNextGivesBoth)
-{
-    EXPECT_EQ(read("prev", gappy), "11:00=7 13:00=9");
-    EXPECT_EQ(read("prevFill", gappy), "11:00=7 12:00=7 13:00=9");
-    EXPECT_EQ(read("prev", {at("10:30", 1), at("11:00", 2), at("11:30", 3), at("12:30", 4)}), "11:00=2 12:00=3 13:00=4");
-    EXPECT_EQ(read("next", gappy), "11:00=9 13:00=4");
-    EXPECT_EQ(read("nextFill", gappy), "11:00=9 12:00=9 13:00=4");
-    EXPECT_EQ(read("prevNext", gappy), "11:00=7 11:00:00.001=9 13:00=9 13:00:00.001=4");
-}
-
-TEST_F(AggregationHandlers, LinearInterpolatesAtEachIntervalEndAndNeverPastTheLastRecord)
-{
-    // 11:00 lies between 10:40 = 7 and 12:20 = 9; 13:00 between 12:20 = 9 and 13:10 = 4.
-    EXPECT_EQ(read("prevNextLinear", gappy), "11:00=7.4 13:00=5");
-    EXPECT_EQ(read("prevNextLinearFill", gappy), "11:00=7.4 12:00=8.6 13:00=5");
-    EXPECT_EQ(read("prevNextLinearFillNull", gappy), "11:00=7.4 12:00=null 13:00=5");
-    EXPECT_EQ(read("prevNextLinearFill", {gappy.begin(), gappy.end() - 1}), "11:00=7.4 12:00=8.6");
-}
-
-TEST_F(AggregationHandlers, LinearReadStartsFromItsFirstRecord)
-{
-    // 09:30 only leads in; 11:30, the first record read, starts the line, so
-    // 11:00 is held back from it when filled.
-    const std::vector<DataRecord> series = {at("09:30", 1), at("11:30", 5), at("12:30", 9), at("13:30", 3)};
-    EXPECT_EQ(read("prevNextLinear", series), "12:00=7 13:00=6");
-    EXPECT_EQ(read("prevNextLinearFill", series), "11:00=5 12:00=7 13:00=6");
-}
-
-TEST_F(AggregationHandlers, SumAddsTheValuesOfEachInterval)
-{
-    EXPECT_EQ(read("sum", gappy), "11:00=12 13:00=9");
-    EXPECT_EQ(read("sumFill", gappy), "11:00=12 12:00=0 13:00=9");
-}
-
-TEST_F(AggregationHandlers, MeterDifferencesAreSharedBetweenIntervalsInProportionToTime)
-{
-    // A meter counting one unit a minute, read at uneven times and on the quarter hour.
-    EXPECT_EQ(read("diff", {at("10:00", 0), at("10:50", 50), at("11:10", 70), at("12:40", 160), at("13:20", 200)}),
-              "11:00=60 12:00=60 13:00=60");
-    std::vector<DataRecord> quarters;
-    for (int i = 0; i <= 16; ++i)
-        quarters.push_back(DataRecord{ms("2024-05-07T09:45:00Z") + i * 900000LL, QVariant(1000.0 + 15.0 * i)});
-    EXPECT_EQ(read("diff", quarters), "11:00=60 12:00=60 13:00=60");
-    // Without linear each difference counts whole in the hour of its record.
-    EXPECT_EQ(read("diffSum", {at("10:00", 0), at("10:50", 50), at("11:10", 70), at("12:40", 160)}),
-              "11:00=50 12:00=20 13:00=90");
+    const struct {
+        const char* method;
+        std::vector<double> values;
+        const char* expected;
+    } cases[] = {
+        {"meanA", {1, 2, 3, 6}, "11:00=3"},
+        {"meanG", {1, 4, 16}, "11:00=4"},
+        {"meanH", {1, 4, 4}, "11:00=2"},
+        {"meanS", {1, 7}, "11:00=5"},
+        // Zero acts as one in the geometric mean and drops out of the harmonic sum.
+        {"meanG", {0, 4}, "11:00=2"},
+        {"meanH", {0, 1, 1}, "11:00=1.5"},
+        {"meanH", {0, 0}, ""},
+        {"meanHFillNull", {0, 0}, "11:00=null 12:00=null 13:00=null"},
+        // The median is the lower middle value, NaN left out; the mode the
+        // smallest of the most frequent.
+        {"median", {9, 1, 5}, "11:00=5"},
+        {"median", {9, 1, 5, 7}, "11:00=5"},
+        {"median", {3, kNaN, 8, 1}, "11:00=3"},
+        {"mode", {2, 7, 7, 2, 7}, "11:00=7"},
+        {"mode", {9, 4, 9, 4}, "11:00=4"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(hour(c.method, c.values), c.expected) << c.method;
 }
 
 TEST_F(AggregationHandlers, FiltersChooseRawRecordsAndIntervalValues)
@@ -204,11 +180,8 @@ TEST_F(AggregationHandlers, FiltersChooseRawRecordsAndIntervalValues)
     Interpolate::FilterParam above6;
     above6.valueCompare = QStringLiteral("gt");
     above6.value = 6;
-    Read raw;
-    raw.param = request("", 0);
+    Read raw{request("", 0), {}, ms("2024-05-07T10:00:00Z"), ms("2024-05-07T13:00:00Z")};
     raw.param.filterParams = {above6};
-    raw.start = ms("2024-05-07T10:00:00Z");
-    raw.end = ms("2024-05-07T13:00:00Z");
     EXPECT_EQ(show(runRead(raw, gappy)), "10:40=7 12:20=9");
 
     raw.countOnly = true;
@@ -260,9 +233,7 @@ TEST(AggregationHandlersLongRange, FilledSamplingWithoutRecordsEndsAtOnce)
         int limit = 40;
         Interpolate engine(request(method, 60), {}, start, end, start, end, &out, QMetaType::Double, false, limit,
                            false);
-        long long readStart = 0;
-        long long readEnd = 0;
-        engine.getRange(readStart, readEnd);
+        setUpRange(engine);
         engine.finalize();
         EXPECT_EQ(show(out), "") << method;
     }

@@ -18,7 +18,6 @@
 #include <unistd.h>
 
 using namespace Kel::test;
-using Kel::TSFileInfo;
 using Kel::TSFileStorage;
 
 namespace {
@@ -51,31 +50,13 @@ void readAtChosenStep()
 const long long t0 = ms("2024-05-07T00:00:00Z");
 const long long hour = 3600000LL;
 
-QVariant valueOf(QMetaType::Type type, int i)
-{
-    if (type == QMetaType::QString)
-        return QStringLiteral("value %1").arg(i);
-    if (type == QMetaType::Float)
-        return QVariant(float(i) + 0.5f);
-    return QVariant(double(i) + 0.25);
-}
-
-// Records i = from, from + step, ... below to, one hour apart.
-Records hourly(QMetaType::Type type, int from, int to, int step = 1, int valueShift = 0)
-{
-    Records r;
-    for (int i = from; i < to; i += step)
-        r.push_back({t0 + i * hour, valueOf(type, i + valueShift)});
-    return r;
-}
-
 // One batch per day of records every interval hours: with a small size
 // limit, the series ends up in several day files.
 std::vector<Records> daily(QMetaType::Type type, int days, int interval)
 {
     std::vector<Records> batches;
     for (int d = 0; d < days; ++d)
-        batches.push_back(hourly(type, 24 * d, 24 * (d + 1), interval));
+        batches.push_back(hourly(24 * d, 24 * (d + 1), type, interval));
     return batches;
 }
 
@@ -89,25 +70,6 @@ struct Operation {
     // or as it became; otherwise each record on its own must.
     bool oneFile;
 };
-
-Records readAll(TSFileStorage& series)
-{
-    Records out;
-    int noLimit = 0;
-    series.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, out,
-                           false, noLimit);
-    return out;
-}
-
-bool same(const Records& a, const Records& b)
-{
-    if (a.size() != b.size())
-        return false;
-    for (size_t i = 0; i < a.size(); ++i)
-        if (a[i].timestamp != b[i].timestamp || a[i].value != b[i].value)
-            return false;
-    return true;
-}
 
 const QVariant* valueAt(const Records& records, long long ts)
 {
@@ -177,105 +139,81 @@ protected:
         return true;
     }
 
-    // Checks the records found after a step; true when they are fine.
-    void expectOldOrNew(const Operation& op, const Records& got, const Records& before, const Records& after,
-                        const char* what, int step)
+    // Runs the operation on a new copy of its series and interrupts it after
+    // its step-th disk step: kills it (the next run must then complete it),
+    // or reads the series there beside it. False when it ended before.
+    bool interruptedAt(int step, bool kill, const Operation& op, const Records& before, const Records& after)
     {
-        if (op.oneFile)
-            EXPECT_TRUE(same(got, before) || same(got, after))
-                << op.name << ", " << what << " step " << step << ": neither the old nor the new records";
-        else
-            EXPECT_EQ(perRecordFault(got, before, after), std::string()) << op.name << ", " << what << " step " << step;
-    }
-
-    // Returns the number of steps a reader read at.
-    int readEverywhere(const Operation& op, const Records& before, const Records& after)
-    {
-        int step = 1;
-        for (;; ++step) {
-            QTemporaryDir dir;
-            auto series = prepare(dir, op);
-            bool read = false;
-            Records got;
+        QTemporaryDir dir;
+        auto series = prepare(dir, op);
+        bool interrupted = false;
+        Records got;
+        if (kill) {
+            interrupted = killedAfter(step, *series, op);
+            series = std::make_unique<TSFileStorage>(dir.path(), op.type, op.maxFileSize);
+            got = readAll(*series);
+            if (interrupted)
+                op.run(*series);
+        } else {
             readAtStep = [&] {
                 TSFileStorage reader(dir.path(), op.type, op.maxFileSize);
                 got = readAll(reader);
-                read = true;
+                interrupted = true;
             };
             stepsLeft = step;
             Kel::detail::diskStepListener = readAtChosenStep;
             op.run(*series);
             Kel::detail::diskStepListener = nullptr;
-            if (!read)
-                break;
-            expectOldOrNew(op, got, before, after, "read after", step);
-            EXPECT_TRUE(same(readAll(*series), after)) << op.name << ", read after step " << step
-                                                       << ": the operation did not complete";
-            EXPECT_EQ(leftovers(dir.path()), QStringList()) << op.name << ", read after step " << step;
         }
-        return step - 1;
-    }
-
-    // Returns the number of kill points tried.
-    int killEverywhere(const Operation& op, const Records& before, const Records& after)
-    {
-        int step = 1;
-        for (;; ++step) {
-            QTemporaryDir dir;
-            auto victim = prepare(dir, op);
-            if (!killedAfter(step, *victim, op))
-                break;
-            TSFileStorage reader(dir.path(), op.type, op.maxFileSize);
-            const Records got = readAll(reader);
-            expectOldOrNew(op, got, before, after, "killed after", step);
-            op.run(reader);
-            EXPECT_TRUE(same(readAll(reader), after)) << op.name << ", killed after step " << step
-                                                      << ": the next run did not complete it";
-            EXPECT_EQ(leftovers(dir.path()), QStringList()) << op.name << ", killed after step " << step;
-        }
-        return step - 1;
+        if (!interrupted)
+            return false;
+        const std::string where = op.name + std::string(kill ? ", killed after step " : ", read after step ") +
+                                  std::to_string(step);
+        if (op.oneFile)
+            EXPECT_TRUE(sameRecords(got, before) || sameRecords(got, after))
+                << where << ": neither the old nor the new records";
+        else
+            EXPECT_EQ(perRecordFault(got, before, after), std::string()) << where;
+        EXPECT_TRUE(sameRecords(readAll(*series), after)) << where << ": the operation was not completed";
+        EXPECT_EQ(leftovers(dir.path()), QStringList()) << where;
+        return true;
     }
 };
-
-QString fileOf(TSFileStorage& s, long long ts)
-{
-    return s.findFile(ts).filePath();
-}
 
 // The operations that rewrite files, each on a series set up for it.
 std::vector<Operation> rewrites()
 {
     const int big = 1 << 30;
     return {
-        {"insert between records", Double, big, {hourly(Double, 0, 40, 2)},
-         [](TSFileStorage& s) { s.writeDataRecords(hourly(Double, 1, 12, 4), false, false); }, true},
-        {"insert into a Float file", Float, big, {hourly(Float, 0, 40, 2)},
-         [](TSFileStorage& s) { s.writeDataRecords(hourly(Float, 3, 50, 6), true, false); }, true},
-        {"insert of text values", Text, big, {hourly(Text, 0, 30, 3)},
-         [](TSFileStorage& s) { s.writeDataRecords(hourly(Text, 1, 20, 5), false, false); }, true},
-        {"overwrite of one text value", Text, big, {hourly(Text, 0, 20)},
-         [](TSFileStorage& s) { s.writeDataRecords(hourly(Text, 7, 8, 1, 100), false, true); }, true},
-        {"overwrite of text values", Text, big, {hourly(Text, 0, 20)},
-         [](TSFileStorage& s) { s.writeDataRecords(hourly(Text, 2, 24, 5, 100), false, true); }, false},
-        {"split at the size limit", Double, 300, {hourly(Double, 0, 20), hourly(Double, 24 * 40, 24 * 40 + 2)},
-         [](TSFileStorage& s) { s.writeDataRecords(hourly(Double, 20, 24), false, false); }, false},
-        {"split of text values", Text, 200, {hourly(Text, 0, 20)},
-         [](TSFileStorage& s) { s.writeDataRecords(hourly(Text, 24 * 35, 24 * 35 + 5), false, false); }, false},
-        {"reorganisation of a side file", Text, big, {hourly(Text, 0, 20), hourly(Text, 0, 20, 3, 7)},
+        {"insert between records", Double, big, {hourly(0, 40, Double, 2)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(1, 12, Double, 4), false, false); }, true},
+        {"insert into a Float file", Float, big, {hourly(0, 40, Float, 2)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(3, 50, Float, 6), true, false); }, true},
+        {"insert of text values", Text, big, {hourly(0, 30, Text, 3)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(1, 20, Text, 5), false, false); }, true},
+        {"overwrite of one text value", Text, big, {hourly(0, 20, Text)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(7, 8, Text, 1, 100), false, true); }, true},
+        {"overwrite of text values", Text, big, {hourly(0, 20, Text)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(2, 24, Text, 5, 100), false, true); }, false},
+        {"split at the size limit", Double, 300, {hourly(0, 20, Double), hourly(24 * 40, 24 * 40 + 2, Double)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(20, 24, Double), false, false); }, false},
+        {"split of text values", Text, 200, {hourly(0, 20, Text)},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(24 * 35, 24 * 35 + 5, Text), false, false); }, false},
+        {"reorganisation of a side file", Text, big, {hourly(0, 20, Text), hourly(0, 20, Text, 3, 7)},
          [](TSFileStorage& s) {
-             QFile file(fileOf(s, t0));
+             QFile file(s.findFile(t0).filePath());
              s.reorgVarFile(&file, s.findFile(t0));
          }, true},
-        {"partial delete", Double, big, {hourly(Double, 0, 30)},
+        {"partial delete", Double, big, {hourly(0, 30, Double)},
          [](TSFileStorage& s) { s.deleteDataRecords(t0 + 5 * hour, t0 + 9 * hour); }, true},
-        {"partial delete of text values", Text, big, {hourly(Text, 0, 30)},
+        {"partial delete of text values", Text, big, {hourly(0, 30, Text)},
          [](TSFileStorage& s) { s.deleteDataRecords(t0 + 5 * hour, t0 + 9 * hour); }, true},
         {"delete across files", Text, 40, daily(Text, 4, 6),
          [](TSFileStorage& s) { s.deleteDataRecords(t0 + 20 * hour, t0 + 70 * hour); }, false},
         {"delete that empties a directory", Double, 30, daily(Double, 4, 6),
          [](TSFileStorage& s) { s.deleteDataRecords(t0 + 47 * hour, t0 + 72 * hour); }, false},
         {"batch over several files", Double, 60, daily(Double, 3, 6),
-         [](TSFileStorage& s) { s.writeDataRecords(hourly(Double, 1, 24 * 3 + 10, 7, 1000), true, true); }, false},
+         [](TSFileStorage& s) { s.writeDataRecords(hourly(1, 24 * 3 + 10, Double, 7, 1000), true, true); }, false},
     };
 }
 
@@ -293,10 +231,12 @@ TEST_F(CrashSafety, EveryStepOfARewriteLeavesTheOldOrTheNewRecordsToKillsAndRead
         const Records before = readAll(*series);
         op.run(*series);
         const Records after = readAll(*series);
-        const int tried = killEverywhere(op, before, after);
-        EXPECT_GT(tried, 0) << op.name;
-        points += tried;
-        reads += readEverywhere(op, before, after);
+        const int pointsBefore = points;
+        for (int step = 1; interruptedAt(step, true, op, before, after); ++step)
+            ++points;
+        EXPECT_GT(points, pointsBefore) << op.name;
+        for (int step = 1; interruptedAt(step, false, op, before, after); ++step)
+            ++reads;
     }
     std::cout << "Crash safety: " << points << " kill points and " << reads << " reads between steps over "
               << operations.size() << " operations; "

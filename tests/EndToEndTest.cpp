@@ -1,13 +1,11 @@
 #include "StorageFixture.h"
 
 #include <QDir>
-#include <QDirIterator>
 
 #include <algorithm>
 #include <random>
 
 using namespace Kel::test;
-using Kel::TSFileInfo;
 using Kel::TSFileStorage;
 
 // 200,000 records written in shuffled batches, so that most batches land
@@ -30,54 +28,27 @@ protected:
             ASSERT_TRUE(write(Records(shuffled.begin() + long(at), shuffled.begin() + long(at + 5000))));
     }
 
-    std::map<int, int> filesByDepth()
-    {
-        std::map<int, int> depths;
-        QDirIterator it(series->baseDir, QDir::Files, QDirIterator::Subdirectories);
-        while (it.hasNext()) {
-            const QString path = it.next();
-            if (QFileInfo(path).fileName().size() == 2)
-                ++depths[int(path.mid(series->baseDir.size()).count(u'/'))];
-        }
-        return depths;
-    }
-
     Records expected;
 };
 
-TEST_F(EndToEnd, ShuffledBatchesReadBackExactly)
+TEST_F(EndToEnd, ShuffledBatchesReadBackExactlyRawAndAsHourlyMeans)
 {
-    const std::map<int, int> depths = filesByDepth();
-    EXPECT_GT(depths.count(TSFileInfo::DEPTH_DAY), 0u);
-    EXPECT_GT(depths.count(TSFileInfo::DEPTH_HOUR), 0u);
+    // A sparse day in a day file, a dense one in hour files.
+    EXPECT_TRUE(QFileInfo(file(QStringLiteral("2024/03/02"))).isFile());
+    EXPECT_TRUE(QFileInfo(file(QStringLiteral("2024/03/03/12"))).isFile());
 
-    const Records back = read(0, ms("2100-01-01T00:00:00Z"));
-    ASSERT_EQ(back.size(), expected.size());
-    for (size_t i = 0; i < back.size(); ++i) {
-        ASSERT_EQ(back[i].timestamp, expected[i].timestamp) << i;
-        ASSERT_EQ(back[i].value.toDouble(), expected[i].value.toDouble()) << i;
-    }
-    EXPECT_EQ(series->getCount({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, true, false, false),
-              200000);
-    const long long from = expected[12345].timestamp, to = expected[123456].timestamp;
-    EXPECT_EQ(series->getCount({}, {}, from, to, true, false, false), 123456 - 12345 + 1);
-}
+    EXPECT_TRUE(sameRecords(read(0, ms("2100-01-01T00:00:00Z")), expected));
+    EXPECT_EQ(count(), 200000);
+    EXPECT_EQ(count(expected[12345].timestamp, expected[123456].timestamp), 123456 - 12345 + 1);
 
-TEST_F(EndToEnd, HourlyMeansMatchTheRecordsOfEachHour)
-{
     std::map<long long, std::pair<double, int>> byHourEnd;
     for (const Record& r : expected) {
         auto& [sum, n] = byHourEnd[(r.timestamp / 3600000 + 1) * 3600000];
         sum += r.value.toDouble();
         ++n;
     }
-    Kel::Interpolate::InterpolateParam param;
-    param.method = QStringLiteral("meanA");
-    param.interval = 3600;
-    param.alignStartEndTimestamp = true;
-    Records means;
-    int count = 0;
-    series->readDataRecords(param, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, means, false, count);
+    const Records means =
+        read(TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, QStringLiteral("meanA"), 3600, true);
     ASSERT_EQ(means.size(), byHourEnd.size());
     for (const Record& m : means) {
         const auto& [sum, n] = byHourEnd.at(m.timestamp);

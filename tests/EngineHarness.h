@@ -33,6 +33,7 @@ inline DataRecord at(const char* time, double value)
     return DataRecord{ms((std::string("2024-05-07T") + time + "Z").c_str()), QVariant(value)};
 }
 
+// A read: {request, chain, start, end, label at start, count only, limit}.
 struct Read {
     InterpolateParam param;
     std::vector<InterpolateParam> chain;
@@ -43,6 +44,14 @@ struct Read {
     int resultCount = 0;  // the limit on entry, as the caller passes it
     int recordsFed = 0;
 };
+
+// Sets the engine's range up as a reader does, wherever that says to read.
+inline bool setUpRange(Interpolate& engine)
+{
+    long long readStart = 0;
+    long long readEnd = 0;
+    return engine.getRange(readStart, readEnd);
+}
 
 inline void feed(Interpolate& engine, Read& read, const std::vector<DataRecord>& series, long long readStart,
                  long long readEnd)

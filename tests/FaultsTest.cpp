@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,39 +25,12 @@ namespace {
 const long long t0 = ms("2024-05-07T00:00:00Z");
 const long long hour = 3600000LL;
 
-Records hourly(int from, int to, QMetaType::Type type = QMetaType::Double)
-{
-    Records r;
-    for (int i = from; i < to; ++i)
-        r.push_back({t0 + i * hour, type == QMetaType::QString ? QVariant(QStringLiteral("v%1").arg(i))
-                                    : type == QMetaType::Float ? QVariant(float(i) + 0.5f)
-                                                               : QVariant(double(i) + 0.5)});
-    return r;
-}
-
-bool sameRecords(const Records& a, const Records& b)
-{
-    if (a.size() != b.size())
-        return false;
-    for (size_t i = 0; i < a.size(); ++i)
-        if (a[i].timestamp != b[i].timestamp || a[i].value != b[i].value)
-            return false;
-    return true;
-}
-
-void resize(const QString& path, qint64 size)
-{
-    QFile f(path);
-    ASSERT_TRUE(f.resize(size)) << qPrintable(path);
-}
-
-} // namespace
-
 class Faults : public StorageFixture {
 protected:
     QString yearFile() const { return file(QStringLiteral("2024")); }
-    long long count() { return series->getCount({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, true, false, false); }
 };
+
+} // namespace
 
 // Float records take 8 value bytes on disk while the series' record length
 // counts 4: a cut must be found, and repaired, by the bytes really there.
@@ -67,7 +41,7 @@ TEST_F(Faults, FileCutInsideARecordLosesOnlyThatRecordAndIsRepairedByTheNextWrit
         useSeries(type);
         const int stride = series->getStoredRecordLength(TSFileInfo::DEPTH_YEAR);
         ASSERT_TRUE(write(hourly(0, 10, type)));
-        resize(yearFile(), 7 * stride + stride / 2);
+        ASSERT_TRUE(QFile(yearFile()).resize(7 * stride + stride / 2));
 
         EXPECT_TRUE(sameRecords(read(), hourly(0, 7, type)));
         EXPECT_EQ(count(), 7);
@@ -81,10 +55,7 @@ TEST_F(Faults, FileCutInsideARecordLosesOnlyThatRecordAndIsRepairedByTheNextWrit
                                      .arg(stride / 2)
                                      .arg(yearFile())));
         EXPECT_EQ(QFileInfo(yearFile()).size(), 9 * stride);
-        Records expected = hourly(0, 7, type);
-        for (const Record& r : hourly(20, 22, type))
-            expected.push_back(r);
-        EXPECT_TRUE(sameRecords(read(), expected));
+        EXPECT_TRUE(sameRecords(read(), joined(hourly(0, 7, type), hourly(20, 22, type))));
         QDir(tmp.path()).removeRecursively();
     }
 }
@@ -109,68 +80,63 @@ TEST_F(Faults, FileShorterThanOneRecordReadsAsEmpty)
 
 // A position past the end of the side file and a corrupt serialised value
 // cost their own records' values, logged; timestamps and every other value
-// stay readable.
-TEST_F(Faults, DamagedSideFileCostsOnlyTheDamagedValues)
+// stay readable. A side file that is missing or is a directory will not turn
+// up by waiting: the read fails at once rather than after the retries of a
+// held file, and keeps the timestamps.
+TEST_F(Faults, SideFileDamageCostsOnlyTheValuesItHolds)
 {
     useSeries(QMetaType::QString);
     ASSERT_TRUE(write(hourly(0, 6, QMetaType::QString)));
     const int stride = series->getStoredRecordLength(TSFileInfo::DEPTH_YEAR);
+    const QString side = yearFile() + QStringLiteral(".var");
     QByteArray records = readBytes(yearFile());
-    QByteArray side = readBytes(yearFile() + QStringLiteral(".var"));
+    QByteArray values = readBytes(side);
     // Record 2 points far past the end; the string of record 4 gets an odd
     // byte length, which no UTF-16 string has.
     std::memcpy(records.data() + 2 * stride + 5, "\x00\x10\x00\x00", 4);
     const int at = int(qFromBigEndian<quint32>(records.constData() + 4 * stride + 5));
-    std::memcpy(side.data() + at + 5, "\x00\x00\x00\x03", 4);
+    std::memcpy(values.data() + at + 5, "\x00\x00\x00\x03", 4);
     writeBytes(yearFile(), records);
-    writeBytes(yearFile() + QStringLiteral(".var"), side);
+    writeBytes(side, values);
 
     LogCapture log;
     const Records back = read();
     ASSERT_EQ(timestamps(back), timestamps(hourly(0, 6)));
     for (int i = 0; i < 6; ++i)
         EXPECT_EQ(back[i].value, i == 2 || i == 4 ? QVariant() : QVariant(QStringLiteral("v%1").arg(i))) << i;
-    EXPECT_EQ(log.count(QStringLiteral("of '%1.var'").arg(yearFile())), 1) << "logged once per read";
-    EXPECT_TRUE(log.contains(QStringLiteral("Value at position 1048576 of '%1.var' lies past the end of the file")
-                                 .arg(yearFile())));
+    EXPECT_EQ(log.count(QStringLiteral("of '%1'").arg(side)), 1) << "logged once per read";
+    EXPECT_TRUE(log.contains(QStringLiteral("Value at position 1048576 of '%1' lies past the end of the file").arg(side)));
     log.entries.clear();
     Record rec;
     ASSERT_TRUE(series->findDataRecord(t0 + 4 * hour, rec));
     EXPECT_FALSE(rec.value.isValid());
-    EXPECT_TRUE(log.contains(QStringLiteral("Value at position %1 of '%2.var' is corrupt").arg(at).arg(yearFile())));
+    EXPECT_TRUE(log.contains(QStringLiteral("Value at position %1 of '%2' is corrupt").arg(at).arg(side)));
 
     // The next write of the file goes on as before.
     ASSERT_TRUE(write(hourly(6, 7, QMetaType::QString)));
     EXPECT_EQ(read().back().value, QVariant(QStringLiteral("v6")));
-}
 
-// A side file that is missing or is a directory will not turn up by waiting:
-// the read fails at once rather than after the retries of a held file.
-TEST_F(Faults, SideFileThatCannotBeOpenedFailsAtOnceAndKeepsTheTimestamps)
-{
-    useSeries(QMetaType::QString);
-    ASSERT_TRUE(write(hourly(0, 4, QMetaType::QString)));
-    const QString side = yearFile() + QStringLiteral(".var");
     for (bool directory : {false, true}) {
         QFile::remove(side);
         if (directory)
             makeDir(side);
-        LogCapture log;
+        LogCapture failed;
         QElapsedTimer timer;
         timer.start();
-        const Records back = read();
+        const Records left = read();
         EXPECT_LT(timer.elapsed(), 4000);
-        EXPECT_EQ(timestamps(back), timestamps(hourly(0, 4)));
-        for (const Record& r : back)
+        EXPECT_EQ(timestamps(left), timestamps(hourly(0, 7)));
+        for (const Record& r : left)
             EXPECT_FALSE(r.value.isValid());
-        EXPECT_TRUE(log.contains(QStringLiteral("Could not open '%1' for read (readCurrDataRecord)").arg(side)));
+        EXPECT_TRUE(failed.contains(QStringLiteral("Could not open '%1' for read (readCurrDataRecord)").arg(side)));
     }
 }
 
 // A storage file that cannot be opened (a directory stands where the tree
-// places the file) fails the write with a log line after the retries of
-// openFile; the records already stored are untouched.
-TEST_F(Faults, StorageFileThatCannotBeOpenedFailsTheWriteAndKeepsTheStoredRecords)
+// places the file) fails the write after six attempts one second apart, each
+// logged; the records already stored are untouched. The one test that waits
+// on the retries.
+TEST_F(Faults, StorageFileThatCannotBeOpenedFailsTheWriteAfterSixAttemptsAndKeepsTheStoredRecords)
 {
     const long long later = ms("2026-03-01T00:00:00Z");
     ASSERT_TRUE(write(hourly(0, 5)));
@@ -178,11 +144,21 @@ TEST_F(Faults, StorageFileThatCannotBeOpenedFailsTheWriteAndKeepsTheStoredRecord
     // A minute entry that is a directory sends the tree back to the year
     // entry, which is a directory too.
     makeDir(file(QStringLiteral("2025/01/01/00/00")));
+    const QString blocked = file(QStringLiteral("2025"));
     LogCapture log;
+    QElapsedTimer timer;
+    timer.start();
     EXPECT_FALSE(write({{ms("2025-01-01T00:00:30Z"), 1.0}}));
-    EXPECT_TRUE(log.contains(QStringLiteral("Could not open '%1' for write (writeDataRecords)")
-                                 .arg(file(QStringLiteral("2025")))));
-    EXPECT_EQ(log.count(QStringLiteral("File open failed")), 6);
+    EXPECT_GE(timer.elapsed(), 4900);
+    ASSERT_EQ(log.count(QStringLiteral("File open failed")), 6);
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_EQ(log.entries[i].message,
+                  QStringLiteral("File open failed (Read,Write,) on '%1', attempt %2").arg(blocked).arg(i + 1));
+        EXPECT_EQ(log.entries[i].level, 4);
+        EXPECT_EQ(log.entries[i].line, 140);
+        EXPECT_EQ(log.entries[i].sourceFile, QStringLiteral("lib/KelTSFileStorage/src/TSFileStorage"));
+    }
+    EXPECT_TRUE(log.contains(QStringLiteral("Could not open '%1' for write (writeDataRecords)").arg(blocked)));
     // Walks end at the empty directories, so each side is read on its own.
     EXPECT_TRUE(sameRecords(read(t0, t0 + 10 * hour), hourly(0, 5)));
     Record rec;
@@ -201,9 +177,10 @@ TEST_F(Faults, TimestampsBefore1970AreStoredAndOutsideTheYears0To9999Refused)
     Records batch = placeable;
     batch.push_back({year0 - 1, 6.0});
     batch.push_back({year10000, 7.0});
+    batch.push_back({std::numeric_limits<long long>::min(), 8.0});
     LogCapture log;
     EXPECT_FALSE(write(batch));
-    EXPECT_EQ(log.count(QStringLiteral("lies outside the years 0 to 9999")), 2);
+    EXPECT_EQ(log.count(QStringLiteral("lies outside the years 0 to 9999")), 3);
     EXPECT_TRUE(log.contains(QStringLiteral("Time stamp %1 lies outside").arg(year10000)));
 
     EXPECT_TRUE(sameRecords(read(), placeable));
@@ -234,10 +211,7 @@ TEST_F(Faults, DeleteThatEmptiesADirectoryTakesItsStrayFilesAlong)
     touch(file(QStringLiteral("2024/05/08/05.var")));
     series->deleteDataRecords(t0 + 24 * hour, t0 + 48 * hour - 1);
     EXPECT_FALSE(QFileInfo::exists(file(QStringLiteral("2024/05/08"))));
-    Records expected = hourly(0, 24);
-    for (const Record& r : hourly(48, 72))
-        expected.push_back(r);
-    EXPECT_TRUE(sameRecords(read(), expected));
+    EXPECT_TRUE(sameRecords(read(), joined(hourly(0, 24), hourly(48, 72))));
 }
 
 // A tmpfs of 64 KiB mounted over a scratch directory; root only.
@@ -256,24 +230,16 @@ protected:
         if (mounted)
             ::umount2(QFile::encodeName(tmp.path()).constData(), MNT_DETACH);
     }
-    // Fills the disk; returns the filler's path.
-    QString fill()
-    {
-        const QString path = tmp.filePath(QStringLiteral("filler"));
-        QFile f(path);
-        f.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
-        const QByteArray block(512, 'x');
-        while (f.write(block) == block.size()) {
-        }
-        return path;
-    }
     bool mounted = false;
 };
 
 TEST_F(FullDisk, FailedAppendAndInsertKeepEveryStoredRecord)
 {
     ASSERT_TRUE(write(hourly(0, 50)));
-    const QString filler = fill();
+    QFile fill(tmp.filePath(QStringLiteral("filler")));  // until the disk is full
+    fill.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
+    while (fill.write(QByteArray(512, 'x')) == 512) {
+    }
 
     LogCapture log;
     EXPECT_FALSE(write(hourly(100, 1100)));
@@ -294,7 +260,7 @@ TEST_F(FullDisk, FailedAppendAndInsertKeepEveryStoredRecord)
     EXPECT_FALSE(QFileInfo::exists(yearFile() + QStringLiteral(".new")));
 
     // With room again, the next write repairs the file and goes on.
-    QFile::remove(filler);
+    fill.remove();
     ASSERT_TRUE(write({{t0 + hour / 2, 9.0}}));
     const Records repaired = read();
     EXPECT_EQ(repaired.size(), afterAppend.size() + 1);
@@ -332,10 +298,7 @@ TEST_F(Faults, ReaderBesideAnAppendingProcessSeesAGrowingPrefix)
         int status = 0;
         for (bool done = false; !done; ++reads) {
             done = ::waitpid(child, &status, WNOHANG) == child;
-            Records back;
-            int noLimit = 0;
-            reader.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, back,
-                                   false, noLimit);
+            const Records back = readAll(reader);
             ASSERT_GE(back.size(), seen) << "read " << reads;
             for (size_t i = 0; i < back.size(); ++i) {
                 ASSERT_EQ(back[i].timestamp, record(int(i)).timestamp) << "read " << reads << ", record " << i;

@@ -8,9 +8,7 @@
 #include <memory>
 
 using Kel::Interpolate;
-using Kel::test::DataRecord;
-using Kel::test::ms;
-using Kel::test::request;
+using namespace Kel::test;
 
 namespace {
 
@@ -114,7 +112,7 @@ TEST_F(Intervals, LinearInterpolationTakesAFirstPointAtZeroAsNoPoint)
     EXPECT_DOUBLE_EQ(e.linearInterpolate(1000, 1.0, 1500, 1000, 3.0), 3.0);
 }
 
-TEST_F(Intervals, ReadStartsOneIntervalBeforeTheRangeAlignedOrAsGiven)
+TEST_F(Intervals, ReadStartsOneIntervalBeforeTheRangeAndIsClampedToTheSeries)
 {
     EXPECT_EQ(range(engine("meanA", 3600)), "09:17 12:40 10:17 12:40");
     EXPECT_EQ(range(engine("meanA", 3600, "2024-05-07T10:17:00Z", "2024-05-07T12:40:00Z", true)),
@@ -125,10 +123,9 @@ TEST_F(Intervals, ReadStartsOneIntervalBeforeTheRangeAlignedOrAsGiven)
     labelAtStart = true;
     EXPECT_EQ(range(engine("meanA", 3600, "2024-05-07T10:17:00Z", "2024-05-07T12:40:00Z", true)),
               "10:00 14:00 11:00 14:00");
-}
 
-TEST_F(Intervals, RangeIsClampedToTheSeries)
-{
+    // Clamped to the series.
+    labelAtStart = false;
     first = ms("2024-05-07T10:30:00Z");
     last = ms("2024-05-07T12:10:00Z");
     EXPECT_EQ(range(engine("meanA", 3600, "2024-05-07T10:17:00Z", "2024-05-07T12:40:00Z", true)),
@@ -193,15 +190,6 @@ TEST_F(Intervals, CountIsKnownWithoutReadingOnlyWhenEveryIntervalYields)
     Interpolate& filtered = engine("meanAFill", 3600);
     filtered.filters.push_back(Interpolate::FilterParam{});
     EXPECT_EQ(filtered.getFastCount(), -1);
-}
-
-TEST_F(Intervals, KnownCountIsStoredByGetRangeAndNotRaisedByFinalize)
-{
-    countOnly = true;
-    Interpolate& e = engine("meanAFill", 3600, "2024-05-07T10:00:00Z", "2024-05-07T13:00:00Z");
-    range(e);
-    e.finalize();
-    EXPECT_EQ(Kel::test::show(out), "00:00=4");
 }
 
 } // namespace

@@ -40,20 +40,13 @@ TEST(KeltsTimeText, AcceptsTheFormsOperatorsType)
         const char* text;
         long long ms;
     } cases[] = {
-        {"0", 0},
-        {"-1500", -1500},
-        {"1715072580000", 1715072580000},
-        {"2024-05-07T09:03:00Z", 1715072580000},
-        {"2024-05-07T09:03:00.250Z", 1715072580250},
-        {"2024-05-07T09:03:00.5Z", 1715072580500},
-        {"2024-05-07T09:03:00.05z", 1715072580050},
-        {"2024-05-07 09:03Z", 1715072580000},
-        {"2024-05-07T11:03:00+02:00", 1715072580000},
-        {"2024-05-07T07:33:00-0130", 1715072580000},
-        {"2024-05-07", 1715040000000},
-        {"2024-02-29", 1709164800000},
-        {"  2024-05-07T09:03:00Z ", 1715072580000},
-        {"9999-12-31T23:59:59.999Z", kLatestMs},
+        {"0", 0},                                    {"-1500", -1500},
+        {"1715072580000", 1715072580000},            {"2024-05-07T09:03:00Z", 1715072580000},
+        {"2024-05-07T09:03:00.250Z", 1715072580250}, {"2024-05-07T09:03:00.5Z", 1715072580500},
+        {"2024-05-07T09:03:00.05z", 1715072580050},  {"2024-05-07 09:03Z", 1715072580000},
+        {"2024-05-07T11:03:00+02:00", 1715072580000}, {"2024-05-07T07:33:00-0130", 1715072580000},
+        {"2024-05-07", 1715040000000},               {"2024-02-29", 1709164800000},
+        {"  2024-05-07T09:03:00Z ", 1715072580000},  {"9999-12-31T23:59:59.999Z", kLatestMs},
         {"1969-12-31T23:59:59.999Z", -1},
     };
     for (const auto& c : cases)
@@ -62,16 +55,15 @@ TEST(KeltsTimeText, AcceptsTheFormsOperatorsType)
 
 TEST(KeltsTimeText, RefusesWhatItCannotBeSureOfAndSaysWhy)
 {
-    EXPECT_TRUE(refusal("2024-05-07T09:03:00").contains("no time zone"));
-    EXPECT_TRUE(refusal("2023-02-29").contains("names no calendar date"));
-    EXPECT_TRUE(refusal("2024-05-07T24:00:00Z").contains("names no time of day"));
-    EXPECT_TRUE(refusal("2024-05-07T09:60:00Z").contains("names no time of day"));
-    EXPECT_TRUE(refusal("2024-05-07T09:03:00.1234Z").contains("is not a time"));
-    EXPECT_TRUE(refusal("2024-05-07T09:03:00+2").contains("is not a time"));
-    EXPECT_TRUE(refusal("99999999999999999999").contains("too large"));
-    EXPECT_TRUE(refusal("253402300800000").contains("outside the years 0 to 9999"));
-    EXPECT_TRUE(refusal("yesterday").contains("is not a time"));
-    EXPECT_TRUE(refusal("").contains("is not a time"));
+    const std::pair<const char*, const char*> cases[] = {
+        {"2024-05-07T09:03:00", "no time zone"},        {"2023-02-29", "names no calendar date"},
+        {"2024-05-07T24:00:00Z", "names no time of day"}, {"2024-05-07T09:60:00Z", "names no time of day"},
+        {"2024-05-07T09:03:00.1234Z", "is not a time"}, {"2024-05-07T09:03:00+2", "is not a time"},
+        {"99999999999999999999", "too large"},          {"253402300800000", "outside the years 0 to 9999"},
+        {"yesterday", "is not a time"},                 {"", "is not a time"},
+    };
+    for (const auto& [text, why] : cases)
+        EXPECT_TRUE(refusal(text).contains(QLatin1String(why))) << text;
 }
 
 TEST(KeltsTimeText, PrintedTimesReadBackAsTheSameInstant)
@@ -83,7 +75,6 @@ TEST(KeltsTimeText, PrintedTimesReadBackAsTheSameInstant)
         ASSERT_EQ(parsedMs(qPrintable(isoTime(ms))), ms) << qPrintable(isoTime(ms));
         ASSERT_EQ(parsedMs(qPrintable(formatTime(ms, TimeFormat::Ms))), ms);
     }
-    EXPECT_EQ(isoTime(1715072580250), "2024-05-07T09:03:00.250Z");
 }
 
 TEST(KeltsTimeText, BoundsAreTimesOrAnchorsWithAShift)
@@ -182,9 +173,6 @@ TEST(KeltsValueText, EachTypeTakesItsRangeAndNothingBeyond)
         for (const char* text : c.refused)
             EXPECT_TRUE(refused(text, c.type)) << valueTypeName(c.type).toStdString() << " took '" << text << "'";
     }
-    EXPECT_EQ(parsed("-1", QMetaType::Char), QVariant(-1));
-    EXPECT_EQ(parsed("4294967295", QMetaType::UInt), QVariant(4294967295u));
-    EXPECT_EQ(parsed(" say, \"hi\" ", QMetaType::QString), QVariant(QStringLiteral(" say, \"hi\" ")));
 }
 
 TEST(KeltsValueText, FloatsAndDoublesPrintShortAndReadBackBitForBit)
@@ -209,17 +197,7 @@ TEST(KeltsValueText, FloatsAndDoublesPrintShortAndReadBackBitForBit)
         const float fback = parsed(qPrintable(ftext), QMetaType::Float).toFloat();
         ASSERT_EQ(std::memcmp(&fback, &f, sizeof f), 0) << qPrintable(ftext);
     }
-    EXPECT_EQ(formatValue(QVariant(0.1), QMetaType::Double), "0.1");
-    EXPECT_EQ(formatValue(QVariant(0.1f), QMetaType::Float), "0.1");
-    EXPECT_EQ(formatValue(QVariant(true), QMetaType::Bool), "true");
     EXPECT_EQ(formatValue(QVariant(), QMetaType::Double), "");
-}
-
-TEST(KeltsValueText, VariantsTravelAsJson)
-{
-    for (const char* json : {"{\"a\":[1,\"x\",null],\"b\":{\"c\":false}}", "\"text\"", "[]", "null", "-2.5", "7"})
-        EXPECT_EQ(formatValue(parsed(json, QMetaType::QVariant), QMetaType::QVariant), QString::fromUtf8(json));
-    EXPECT_EQ(parsed("\"text\"", QMetaType::QVariant), QVariant(QStringLiteral("text")));
 }
 
 TEST(KeltsValueText, TypeNamesAreTheOperatorsWords)
@@ -232,8 +210,6 @@ TEST(KeltsValueText, TypeNamesAreTheOperatorsWords)
     EXPECT_EQ(type, QMetaType::LongLong);   // 64 bits, not the platform's long
     EXPECT_FALSE(parseValueType(u"decimal", type, why));
     EXPECT_TRUE(why.contains("bool, char, uchar, short, ushort, int, uint, long, ulong, float, double, string, variant"));
-    for (const ValueType& t : valueTypes())
-        EXPECT_EQ(valueTypeName(t.type), QLatin1String(t.name));
 }
 
 std::vector<CsvReader::Row> rowsOf(const QString& text)
@@ -279,20 +255,6 @@ TEST(KeltsCsv, SplitsRowsTheWaySpreadsheetsWriteThem)
     }
 }
 
-TEST(KeltsCsv, QuotesExactlyWhatWouldNotReadBack)
-{
-    EXPECT_EQ(csvField("plain text"), "plain text");
-    EXPECT_EQ(csvField(""), "");
-    for (const QString& text : {QStringLiteral("a,b"), QStringLiteral("say \"hi\""), QStringLiteral("two\nlines"),
-                                QStringLiteral(" padded"), QStringLiteral("cr\r"), QStringLiteral("\"")}) {
-        const QString field = csvField(text);
-        EXPECT_TRUE(field.startsWith(u'"')) << qPrintable(text);
-        const std::vector<CsvReader::Row> rows = rowsOf(QStringLiteral("1,") + field + u'\n');
-        ASSERT_EQ(rows.size(), 1u);
-        EXPECT_EQ(rows[0].fields.value(1), text);
-    }
-}
-
 QStringList labelsOf(const QString& svg)
 {
     static const QRegularExpression text(QStringLiteral("<text[^>]*>([^<]*)</text>"));
@@ -327,29 +289,30 @@ QString rendered(const Chart& chart)
 TEST(KeltsSvgChart, TimeTicksFallOnRoundUtcTimes)
 {
     const long long monday = 1714953600000;   // 2024-05-06T00:00:00Z
-    const QStringList week = labelsOf(rendered(lineChart(monday, monday + 7 * 86400000 - 1000, 500)));
-    for (const char* day : {"Mon 05-06", "Wed 05-08", "Sun 05-12"})
-        EXPECT_TRUE(week.contains(QLatin1String(day))) << day;
-
-    const QStringList hours = labelsOf(rendered(lineChart(monday + 6 * 3600000, monday + 9 * 3600000, 500)));
-    for (const char* t : {"06:00", "06:30", "09:00", "Mon 05-06"})
-        EXPECT_TRUE(hours.contains(QLatin1String(t))) << t;
-
-    const QStringList seconds = labelsOf(rendered(lineChart(monday, monday + 50000, 50)));
-    EXPECT_TRUE(seconds.contains("00:00:05"));
+    const struct {
+        long long from, to;
+        int points;
+        QStringList labels;  // some of the tick labels expected
+    } charts[] = {
+        {monday, monday + 7 * 86400000 - 1000, 500, {"Mon 05-06", "Wed 05-08", "Sun 05-12"}},
+        {monday + 6 * 3600000, monday + 9 * 3600000, 500, {"06:00", "06:30", "09:00", "Mon 05-06"}},
+        {monday, monday + 50000, 50, {"00:00:05"}},
+        {monday, monday + 3 * 365LL * 86400000, 500, {"2025-01", "2026-07"}},
+    };
+    for (const auto& c : charts) {
+        const QStringList labels = labelsOf(rendered(lineChart(c.from, c.to, c.points)));
+        for (const QString& label : c.labels)
+            EXPECT_TRUE(labels.contains(label)) << qPrintable(label) << " in " << qPrintable(labels.join(u' '));
+    }
 
     // Two months: weekly ticks, every one a Monday.
-    const QStringList weeks = labelsOf(rendered(lineChart(monday, monday + 60LL * 86400000, 500)));
     int mondays = 0;
-    for (const QString& label : weeks)
+    for (const QString& label : labelsOf(rendered(lineChart(monday, monday + 60LL * 86400000, 500))))
         if (QRegularExpression(QStringLiteral("^\\w{3} \\d\\d-\\d\\d$")).match(label).hasMatch()) {
             EXPECT_TRUE(label.startsWith("Mon")) << qPrintable(label);
             ++mondays;
         }
     EXPECT_GE(mondays, 8);
-
-    const QStringList years = labelsOf(rendered(lineChart(monday, monday + 3 * 365LL * 86400000, 500)));
-    EXPECT_TRUE(years.contains("2025-01") || years.contains("2025")) << qPrintable(years.join(u' '));
 }
 
 TEST(KeltsSvgChart, ThinningKeepsEveryPeakAndStaysSmall)

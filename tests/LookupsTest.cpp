@@ -22,27 +22,22 @@ TEST_F(Lookups, EmptySeriesFindsNothing)
     EXPECT_FALSE(first);
 }
 
-TEST_F(Lookups, FirstLastAndExactRecord)
+TEST_F(Lookups, PointLookupsFollowTheProbeOfTheSearch)
 {
-    write({{t0 + 3000, 3.0}, {t0 + 1000, 1.0}, {t0 + 2000, 2.0}});
+    write({{t0 + 4000, 4.0}, {t0 + 1000, 1.0}, {t0 + 3000, 3.0}, {t0 + 2000, 2.0}});
     Record rec;
     ASSERT_TRUE(series->getFirstDataRecord(rec));
     EXPECT_EQ(rec.timestamp, t0 + 1000);
     ASSERT_TRUE(series->getLastDataRecord(rec));
-    EXPECT_EQ(rec.value.toDouble(), 3.0);
+    EXPECT_EQ(rec.value.toDouble(), 4.0);
     ASSERT_TRUE(series->findDataRecord(t0 + 2000, rec));
     EXPECT_EQ(rec.value.toDouble(), 2.0);
-
+    // A miss leaves the record the search ended on.
     EXPECT_FALSE(series->findDataRecord(t0 + 1500, rec));
     EXPECT_TRUE(rec.timestamp == t0 + 1000 || rec.timestamp == t0 + 2000);
-}
 
-TEST_F(Lookups, PreviousRecordFollowsTheProbeOfTheSearch)
-{
-    // Four records: the search for t-1 probes index 2 first.
-    write({{t0 + 1000, 1.0}, {t0 + 2000, 2.0}, {t0 + 3000, 3.0}, {t0 + 4000, 4.0}});
-    Record rec;
-    // Probes 2 (3000 > 2999), then 1 (2000 < 2999): ends below, the record before.
+    // The search for t-1 probes index 2 first. Probes 2 (3000 > 2999), then
+    // 1 (2000 < 2999): ends below, the record before.
     ASSERT_TRUE(series->findPrevDataRecord(t0 + 3000, rec));
     EXPECT_EQ(rec.timestamp, t0 + 2000);
     // Probes 2, 1 (2000 > 1999), then 0 (1000 < 1999): ends below.
@@ -95,15 +90,4 @@ TEST_F(Lookups, RangeIsResolvedAndClampedToTheSeries)
     end = TSFileStorage::TS_NOW;
     EXPECT_FALSE(series->adjustTimestamps(series.get(), start, end, coversFirst, coversLast));
     EXPECT_EQ(end, t0 + 5000);
-}
-
-TEST_F(Lookups, TrailingPartialRecordIsNeverRead)
-{
-    write({{t0 + 1000, 1.0}, {t0 + 2000, 2.0}});
-    const QString path = file(QStringLiteral("2024"));
-    writeBytes(path, readBytes(path) + QByteArray("\x01\x02\x03", 3));
-    Record rec;
-    ASSERT_TRUE(series->getLastDataRecord(rec));
-    EXPECT_EQ(rec.timestamp, t0 + 2000);
-    EXPECT_EQ(rec.value.toDouble(), 2.0);
 }

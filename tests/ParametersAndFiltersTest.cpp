@@ -6,13 +6,10 @@
 
 #include <gtest/gtest.h>
 
-#include <ctime>
 #include <memory>
 
 using Kel::Interpolate;
-using Kel::test::DataRecord;
-using Kel::test::ms;
-using Kel::test::request;
+using namespace Kel::test;
 
 namespace {
 
@@ -20,7 +17,7 @@ class MethodStrings : public ::testing::Test {
 protected:
     // "METHOD linear align fill fillNull average diff" for a method string,
     // each flag as 0 or 1, diff as -, d (plain) or c (counter).
-    std::string parsed(const char* method, long long interval = 60)
+    std::string parsed(const char* method, long long interval)
     {
         std::vector<DataRecord> out;
         int resultCount = 0;
@@ -39,104 +36,60 @@ protected:
     }
 };
 
-TEST_F(MethodStrings, KeywordAtTheStartChoosesTheMethodFirstMatchWinning)
+TEST_F(MethodStrings, KeywordsChooseMethodModifiersAndDifference)
 {
-    EXPECT_EQ(parsed("prevNext"), "PREV_NEXT 00000 -");
-    EXPECT_EQ(parsed("prev"), "PREV 00000 -");
-    EXPECT_EQ(parsed("next"), "NEXT 00000 -");
-    EXPECT_EQ(parsed("MinMax"), "MIN_MAX 00000 -");
-    EXPECT_EQ(parsed("minimum"), "MIN 00000 -");
-    EXPECT_EQ(parsed("maximum"), "MAX 00000 -");
-    EXPECT_EQ(parsed("sum"), "SUM 00000 -");
-    EXPECT_EQ(parsed("MEANG"), "MEAN_G 01000 -");  // the means, median, mode and count always align
-    EXPECT_EQ(parsed("meanH"), "MEAN_H 01000 -");
-    EXPECT_EQ(parsed("meanS"), "MEAN_S 01000 -");
-    EXPECT_EQ(parsed("median"), "MEDIAN 01000 -");
-    EXPECT_EQ(parsed("mode"), "MODE 01000 -");
-    EXPECT_EQ(parsed("counter"), "COUNT 01000 -");
+    const struct {
+        const char* text;
+        long long interval;
+        const char* expected;
+    } cases[] = {
+        // The keyword at the start chooses the method, the first match winning;
+        // the means, median, mode and count always align.
+        {"prevNext", 60, "PREV_NEXT 00000 -"}, {"prev", 60, "PREV 00000 -"},       {"next", 60, "NEXT 00000 -"},
+        {"MinMax", 60, "MIN_MAX 00000 -"},     {"minimum", 60, "MIN 00000 -"},      {"maximum", 60, "MAX 00000 -"},
+        {"sum", 60, "SUM 00000 -"},            {"MEANG", 60, "MEAN_G 01000 -"},     {"meanH", 60, "MEAN_H 01000 -"},
+        {"meanS", 60, "MEAN_S 01000 -"},       {"median", 60, "MEDIAN 01000 -"},    {"mode", 60, "MODE 01000 -"},
+        {"counter", 60, "COUNT 01000 -"},
+        // Modifiers are found anywhere and adjusted per method.
+        {"prevNextAlignFillNullAverageLinear", 60, "PREV_NEXT 11111 -"},
+        {"prevnextalign", 60, "PREV_NEXT 01000 -"},
+        {"meanALinear", 60, "MEAN_A 01000 -"},
+        {"minMaxLinearAverage", 60, "MIN_MAX 00001 -"},
+        {"sumLinear", 60, "SUM 10000 -"},
+        {"countFillNull", 60, "COUNT 01110 -"},
+        // Without a method keyword linear filling is forced.
+        {"", 60, "PREV_NEXT 10100 -"},         {"mean", 60, "PREV_NEXT 10100 -"},   {"align", 60, "PREV_NEXT 10100 -"},
+        {"fillnull", 60, "PREV_NEXT 10100 -"}, {"linearmin", 60, "PREV_NEXT 10100 -"},
+        {"average", 60, "PREV_NEXT 10101 -"},
+        // Difference keywords choose the pre-stage and default to a linear sum.
+        {"diffSum", 60, "SUM 00000 d"},        {"sumdiff", 60, "SUM 00000 d"},      {"diff", 60, "SUM 10100 d"},
+        {"DIFFCTRUPCLEANED", 60, "SUM 10100 c"},
+        {"diffCtrUpCleanedMeanA", 60, "MEAN_A 01000 c"},
+        // A zero interval reads raw records but keeps the difference.
+        {"meanAFillLinear", 0, "RAW 00000 -"}, {"diff", 0, "RAW 00000 d"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(parsed(c.text, c.interval), c.expected) << c.text;
 }
 
-TEST_F(MethodStrings, ModifiersAreFoundAnywhereAndAdjustedPerMethod)
-{
-    EXPECT_EQ(parsed("prevNextAlignFillNullAverageLinear"), "PREV_NEXT 11111 -");
-    EXPECT_EQ(parsed("prevnextalign"), "PREV_NEXT 01000 -");
-    EXPECT_EQ(parsed("meanALinear"), "MEAN_A 01000 -");
-    EXPECT_EQ(parsed("minMaxLinearAverage"), "MIN_MAX 00001 -");
-    EXPECT_EQ(parsed("sumLinear"), "SUM 10000 -");
-    EXPECT_EQ(parsed("countFillNull"), "COUNT 01110 -");
-}
-
-TEST_F(MethodStrings, WithoutAMethodKeywordLinearFillingIsForced)
-{
-    for (const char* text : {"", "mean", "align", "fillnull", "linearmin"})
-        EXPECT_EQ(parsed(text), "PREV_NEXT 10100 -") << text;
-    EXPECT_EQ(parsed("average"), "PREV_NEXT 10101 -");
-}
-
-TEST_F(MethodStrings, DifferenceKeywordsChooseThePreStageAndDefaultToALinearSum)
-{
-    EXPECT_EQ(parsed("diffSum"), "SUM 00000 d");
-    EXPECT_EQ(parsed("sumdiff"), "SUM 00000 d");
-    EXPECT_EQ(parsed("diff"), "SUM 10100 d");
-    EXPECT_EQ(parsed("DIFFCTRUPCLEANED"), "SUM 10100 c");
-    EXPECT_EQ(parsed("diffCtrUpCleanedMeanA"), "MEAN_A 01000 c");
-}
-
-TEST_F(MethodStrings, ZeroIntervalReadsRawRecordsButKeepsTheDifference)
-{
-    EXPECT_EQ(parsed("meanAFillLinear", 0), "RAW 00000 -");
-    EXPECT_EQ(parsed("diff", 0), "RAW 00000 d");
-}
-
-TEST(FilterParsing, EveryKeyIsReadMissingKeysTakeDefaultsAndTheListIsReplaced)
+// What each key does is shown by the matching below; here, what parsing
+// alone decides.
+TEST(FilterParsing, TheListIsReplacedAndTimesAreReadToTheMillisecondOrNotAtAll)
 {
     Interpolate::InterpolateParam p;
     p.filterParams.resize(3);
-    Interpolate::parseFilterparams(QJsonDocument::fromJson(R"([
-        {"timeStart":"22:00","duration":28800,"weekDays":[6,7],"months":[1,12],"valueCompare":"GT","value":2.5},
+    Interpolate::parseFilterparams(QJsonDocument::fromJson(R"([{"timeStart":"22:00","duration":28800,"value":2.5},
         {}, {"timeStart":"06:30:15.250"}, {"timeStart":"half past six"}])").array(), p);
     ASSERT_EQ(p.filterParams.size(), 4u);
-    const Interpolate::FilterParam& f = p.filterParams[0];
-    EXPECT_EQ(f.timeStart, QTime(22, 0));
-    EXPECT_FALSE(f.timeEnd.isValid());
-    EXPECT_EQ(f.duration, 28800);
-    EXPECT_EQ(f.weekDays, (std::vector<int>{6, 7}));
-    EXPECT_EQ(f.months, (std::vector<int>{1, 12}));
-    EXPECT_EQ(f.valueCompare, QStringLiteral("GT"));
-    EXPECT_EQ(f.value, 2.5);
-    const Interpolate::FilterParam& empty = p.filterParams[1];
-    EXPECT_FALSE(empty.timeStart.isValid());
-    EXPECT_EQ(empty.duration, 0);
-    EXPECT_TRUE(empty.weekDays.empty() && empty.months.empty() && empty.valueCompare.isEmpty());
-    EXPECT_EQ(empty.value, 0.0);
+    EXPECT_EQ(p.filterParams[0].value, 2.5);
+    EXPECT_FALSE(p.filterParams[0].timeEnd.isValid());  // computed on first use
+    EXPECT_FALSE(p.filterParams[1].timeStart.isValid());
     EXPECT_EQ(p.filterParams[2].timeStart, QTime(6, 30, 15, 250));
     EXPECT_FALSE(p.filterParams[3].timeStart.isValid());
 }
 
 class FilterMatching : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        hadTz = qEnvironmentVariableIsSet("TZ");
-        savedTz = qgetenv("TZ");
-        setZone("UTC");
-    }
-
-    void TearDown() override
-    {
-        if (hadTz)
-            qputenv("TZ", savedTz);
-        else
-            qunsetenv("TZ");
-        tzset();
-    }
-
-    static void setZone(const char* zone)
-    {
-        qputenv("TZ", zone);
-        tzset();
-    }
-
     void use(const char* json)
     {
         Interpolate::InterpolateParam p = request("meanA", 60);
@@ -150,49 +103,49 @@ protected:
         return engine->filterMatch(DataRecord{ms(time), value});
     }
 
-    bool hadTz = false;
-    QByteArray savedTz;
+    // "1" for each time that passes, "0" for each that does not.
+    std::string passing(std::initializer_list<const char*> times)
+    {
+        std::string result;
+        for (const char* time : times)
+            result += matches(time) ? '1' : '0';
+        return result;
+    }
+
+    ScopedEnv zone{"TZ", "UTC"};
     std::vector<DataRecord> out;
     int resultCount = 0;
     std::unique_ptr<Interpolate> engine;
 };
 
-TEST_F(FilterMatching, WindowAcrossMidnightIncludesBothEndsAndKeepsItsEnd)
+TEST_F(FilterMatching, WindowsIncludeBothEndsAcrossMidnightAndZeroOrADayIsAnInstant)
 {
     use(R"([{"timeStart":"22:00","duration":28800}])");
-    EXPECT_TRUE(matches("2024-05-07T23:30:00Z"));
+    EXPECT_EQ(passing({"2024-05-07T22:00:00Z", "2024-05-07T23:30:00Z", "2024-05-08T05:00:00Z", "2024-05-08T06:00:00Z",
+                       "2024-05-08T06:00:00.001Z", "2024-05-07T12:00:00Z"}),
+              "111100");
     EXPECT_EQ(engine->filters[0].timeEnd, QTime(6, 0));
-    EXPECT_TRUE(matches("2024-05-08T05:00:00Z"));
-    EXPECT_TRUE(matches("2024-05-08T06:00:00Z"));
-    EXPECT_TRUE(matches("2024-05-07T22:00:00Z"));
-    EXPECT_FALSE(matches("2024-05-07T12:00:00Z"));
-    EXPECT_FALSE(matches("2024-05-08T06:00:00.001Z"));
-}
 
-TEST_F(FilterMatching, ZeroDurationOrAWholeDayIsASingleInstant)
-{
+    // A duration of zero or of a whole day is a single instant.
     for (const char* json : {R"([{"timeStart":"08:00","duration":0}])", R"([{"timeStart":"08:00","duration":86400}])"}) {
         use(json);
-        EXPECT_TRUE(matches("2024-05-07T08:00:00Z")) << json;
-        EXPECT_FALSE(matches("2024-05-07T08:00:00.001Z")) << json;
-        EXPECT_FALSE(matches("2024-05-07T07:59:59.999Z")) << json;
+        EXPECT_EQ(passing({"2024-05-07T08:00:00Z", "2024-05-07T08:00:00.001Z", "2024-05-07T07:59:59.999Z"}), "100")
+            << json;
     }
 }
 
 TEST_F(FilterMatching, CalendarAndClockAreThoseOfTheMachinesTimeZone)
 {
     use(R"([{"weekDays":[6,7]}])");
-    EXPECT_TRUE(matches("2024-05-11T12:00:00Z"));   // Saturday
-    EXPECT_TRUE(matches("2024-05-12T12:00:00Z"));   // Sunday
-    EXPECT_FALSE(matches("2024-05-10T20:00:00Z"));  // Friday
-    setZone("JST-9");
-    EXPECT_TRUE(matches("2024-05-10T20:00:00Z"));   // already Saturday in Tokyo
+    // Saturday, Sunday, Friday evening: already Saturday in Tokyo.
+    EXPECT_EQ(passing({"2024-05-11T12:00:00Z", "2024-05-12T12:00:00Z", "2024-05-10T20:00:00Z"}), "110");
+    zone.set("JST-9");
+    EXPECT_EQ(passing({"2024-05-10T20:00:00Z"}), "1");
 
-    setZone("CET-1CEST,M3.5.0,M10.5.0/3");
+    // 23:30 summer time; 01:30; April.
+    zone.set("CET-1CEST,M3.5.0,M10.5.0/3");
     use(R"([{"timeStart":"23:00","duration":3600,"months":[5]}])");
-    EXPECT_TRUE(matches("2024-05-07T21:30:00Z"));   // 23:30 summer time
-    EXPECT_FALSE(matches("2024-05-07T23:30:00Z"));
-    EXPECT_FALSE(matches("2024-04-30T21:30:00Z"));  // April
+    EXPECT_EQ(passing({"2024-05-07T21:30:00Z", "2024-05-07T23:30:00Z", "2024-04-30T21:30:00Z"}), "100");
 }
 
 TEST_F(FilterMatching, ValueComparisons)

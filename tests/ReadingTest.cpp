@@ -17,81 +17,43 @@ protected:
             write(batch);
         }
     }
-    long long countRaw(long long start, long long end)
-    {
-        return series->getCount({}, {}, start, end, true, false, false);
-    }
     const long long t0 = ms("2024-05-07T00:00:00Z");
     const long long last = t0 + (3 * 1440 - 1) * 60000LL;
 };
 
-TEST_F(Reading, WholeSeriesComesBackInOrderAcrossFiles)
+TEST_F(Reading, EveryRangeReadsAndCountsExactlyItsRecordsAndALimitStopsTheRead)
 {
+    // Inclusive at both ends; ends inside a file, at a file's last record and
+    // between records, over none, one and two file boundaries; none at all.
     ASSERT_TRUE(QFileInfo(file(QStringLiteral("2024/05/08"))).isFile());
-    const Records all = read(0, ms("2100-01-01T00:00:00Z"));
-    ASSERT_EQ(all.size(), 3u * 1440);
-    for (size_t i = 0; i < all.size(); ++i) {
-        ASSERT_EQ(all[i].timestamp, t0 + qint64(i) * 60000);
-        ASSERT_EQ(all[i].value.toDouble(), double(i));
-    }
-}
-
-TEST_F(Reading, RangeInsideFilesIsInclusiveAtBothEnds)
-{
-    const long long from = t0 + 1439 * 60000LL;  // last record of the first day
-    const long long to = t0 + 1441 * 60000LL;
-    EXPECT_EQ(timestamps(read(from, to)), (std::vector<long long>{from, from + 60000, to}));
-    EXPECT_EQ(read(from + 1, from + 59999).size(), 0u);
-    EXPECT_EQ(read(ms("2024-05-08T00:00:00Z"), ms("2024-05-08T00:00:00Z")).size(), 1u);
-}
-
-TEST_F(Reading, EveryRangeReadsExactlyItsRecords)
-{
-    // Ends inside a file, at a file's last record and between records, over
-    // none, one and two file boundaries.
     const long long minute = 60000;
     const std::pair<long long, long long> ranges[] = {
-        {t0 + 600 * minute, t0 + 660 * minute},         {t0 + 600 * minute, t0 + 1439 * minute},
+        {0, ms("2100-01-01T00:00:00Z")},                 {TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD},
+        {t0 + 1439 * minute, t0 + 1441 * minute},        {t0 + 1439 * minute + 1, t0 + 1440 * minute - 1},
+        {t0 + 1440 * minute, t0 + 1440 * minute},        {t0 + 600 * minute, t0 + 1439 * minute},
         {t0 + 600 * minute + 1, t0 + 2000 * minute - 1}, {t0, t0 + 2879 * minute + 30000},
-        {t0 + 100 * minute, last},
+        {t0 + 100 * minute, last},                       {last + 1, ms("2100-01-01T00:00:00Z")},
     };
     for (const auto& [from, to] : ranges) {
-        const long long first = (from - t0 + minute - 1) / minute;
-        const long long end = (to - t0) / minute;
+        const long long first = from < t0 ? 0 : (from - t0 + minute - 1) / minute;
+        const long long end = to < 0 || to > last ? 3 * 1440 - 1 : (to - t0) / minute;
         const Records got = read(from, to);
-        ASSERT_EQ(got.size(), size_t(end - first + 1)) << from << ".." << to;
-        EXPECT_EQ(got.front().timestamp, t0 + first * minute);
-        EXPECT_EQ(got.back().timestamp, t0 + end * minute);
+        ASSERT_EQ(got.size(), size_t(std::max(0LL, end - first + 1))) << from << ".." << to;
+        for (size_t i = 0; i < got.size(); ++i) {
+            ASSERT_EQ(got[i].timestamp, t0 + (first + qint64(i)) * minute) << from << ".." << to;
+            ASSERT_EQ(got[i].value.toDouble(), double(first + qint64(i)));
+        }
+        EXPECT_EQ(count(from, to), qint64(got.size())) << from << ".." << to;
     }
-}
-
-TEST_F(Reading, LimitStopsTheReadAndReportsTheCount)
-{
-    Records out;
-    int count = 5;
-    series->readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, out, false, count);
-    EXPECT_EQ(out.size(), 5u);
-    EXPECT_EQ(count, 5);
-}
-
-TEST_F(Reading, RawCountsAgreeWithReads)
-{
-    EXPECT_EQ(countRaw(TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD), 3 * 1440);
-    EXPECT_EQ(countRaw(0, ms("2100-01-01T00:00:00Z")), 3 * 1440);
-    EXPECT_EQ(countRaw(t0 + 1000 * 60000LL, t0 + 2000 * 60000LL), 1001);
-    EXPECT_EQ(countRaw(t0 + 1000 * 60000LL + 1, t0 + 2000 * 60000LL - 1), 999);
-    EXPECT_EQ(countRaw(ms("2024-05-08T00:00:00Z"), ms("2024-05-08T23:59:59.999Z")), 1440);
-    EXPECT_EQ(countRaw(last + 1, ms("2100-01-01T00:00:00Z")), 0);
+    // Asked for neither its own records nor a companion's, a count is 0.
     EXPECT_EQ(series->getCount({}, {}, 0, last, false, false, false), 0);
-}
 
-TEST_F(Reading, PartialRecordAtTheEndIsIgnored)
-{
-    const QString day = file(QStringLiteral("2024/05/09"));
-    writeBytes(day, readBytes(day) + QByteArray(5, '\x7f'));
-    const Records tail = read(last - 60000, TSFileStorage::TS_LAST_RECORD);
-    EXPECT_EQ(timestamps(tail), (std::vector<long long>{last - 60000, last}));
-    EXPECT_EQ(countRaw(TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD), 3 * 1440);
+    // A limit stops the read and reports the count.
+    Records out;
+    int limit = 5;
+    series->readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, out, false, limit);
+    EXPECT_EQ(out.size(), 5u);
+    EXPECT_EQ(limit, 5);
 }
 
 TEST_F(Reading, MissingFilesAreSkippedAndTheWalkGoesOn)
@@ -102,87 +64,71 @@ TEST_F(Reading, MissingFilesAreSkippedAndTheWalkGoesOn)
     EXPECT_EQ(all[1440].timestamp, ms("2024-05-09T00:00:00Z"));
 }
 
-TEST_F(Reading, VariableValuesComeBackFromTheirSideFiles)
+// A raw read builds its values straight in the output, a lookup decodes one
+// record: both must give each type's values widened alike, and converted as
+// they were written.
+TEST_F(Reading, RawReadsAndLookupsGiveEachTypeItsWidenedValues)
 {
-    useSeries(QMetaType::QString);
-    write({{t0, QStringLiteral("on")}, {t0 + 1, QStringLiteral("off")}});
-    const Records back = read();
-    ASSERT_EQ(back.size(), 2u);
-    EXPECT_EQ(back[1].value.toString(), QStringLiteral("off"));
-}
-
-TEST_F(Reading, RawReadsGiveEachTypeTheValuesOfItsLookups)
-{
-    // The raw read builds its values straight in the output; a lookup
-    // decodes one record. Both must give the same type and value.
-    const QMetaType::Type types[] = {QMetaType::Bool, QMetaType::Char, QMetaType::UChar, QMetaType::Short,
-                                     QMetaType::UShort, QMetaType::Int, QMetaType::UInt, QMetaType::LongLong,
-                                     QMetaType::ULongLong, QMetaType::Double, QMetaType::Float, QMetaType::QString};
-    for (QMetaType::Type type : types) {
+    const struct {
+        QMetaType::Type type;
+        QVariant written;
+        QVariant read;  // of the type the reader gets
+    } cases[] = {
+        {QMetaType::Bool, true, true},
+        {QMetaType::Char, -56, -56},
+        {QMetaType::UChar, 200, 200},
+        {QMetaType::Short, -1, -1},
+        {QMetaType::UShort, 65535, 65535},
+        {QMetaType::Int, QStringLiteral("letters"), 0},
+        {QMetaType::UInt, 4294967295u, 4294967295u},
+        {QMetaType::LongLong, qlonglong(-5), qlonglong(-5)},
+        {QMetaType::ULongLong, qulonglong(18446744073709551615ULL), qulonglong(18446744073709551615ULL)},
+        {QMetaType::Float, 1.5f, 1.5f},
+        {QMetaType::Double, 20.25, 20.25},
+        {QMetaType::QString, QStringLiteral("text"), QStringLiteral("text")},
+    };
+    for (const auto& c : cases) {
+        const char* name = QMetaType(c.type).name();
         QTemporaryDir dir;
-        TSFileStorage typed(dir.path(), type, 1 << 30);
-        typed.writeDataRecords({{t0, QVariant(-2)}, {t0 + 1000, QVariant(200)}, {t0 + 2000, QVariant(1.5)}}, false,
-                               false);
-        Records back;
-        int noLimit = 0;
-        typed.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, back, false,
-                              noLimit);
-        ASSERT_EQ(back.size(), 3u) << type;
+        TSFileStorage typed(dir.path(), c.type, 1 << 30);
+        typed.writeDataRecords({{t0, c.written}, {t0 + 1000, QVariant(-2)}, {t0 + 2000, QVariant(200)},
+                                {t0 + 3000, QVariant(1.5)}},
+                               false, false);
+        const Records back = readAll(typed);
+        ASSERT_EQ(back.size(), 4u) << name;
+        EXPECT_EQ(back[0].value.typeId(), c.read.typeId()) << name;
+        EXPECT_EQ(back[0].value, c.read) << name;
         for (const Record& r : back) {
             Record one;
-            ASSERT_TRUE(typed.findDataRecord(r.timestamp, one));
-            EXPECT_EQ(r.value.typeId(), one.value.typeId()) << type;
-            EXPECT_EQ(r.value, one.value) << type;
+            ASSERT_TRUE(typed.findDataRecord(r.timestamp, one)) << name;
+            EXPECT_EQ(r.value.typeId(), one.value.typeId()) << name;
+            EXPECT_EQ(r.value, one.value) << name;
         }
     }
 }
 
 // Records around an empty hour, read condensed: the reader must feed the
-// record before the range and the one after it.
-class CondensedReading : public StorageFixture {
-protected:
-    void SetUp() override
-    {
-        write({{at("09:50"), 3.0}, {at("10:15"), 5.0}, {at("10:40"), 7.0}, {at("12:20"), 9.0}, {at("13:10"), 4.0}});
-    }
-    static long long at(const char* hhmm)
-    {
-        return ms(QStringLiteral("2024-05-07T%1:00Z").arg(QLatin1String(hhmm)).toLatin1().constData());
-    }
-    Records hourly(const QString& method) { return read(at("11:00"), at("13:00"), method, 3600); }
-    static std::vector<double> values(const Records& records)
-    {
-        std::vector<double> v;
-        for (const Record& r : records)
-            v.push_back(r.value.toDouble());
-        return v;
-    }
-};
+// record before the range and the one after it; a count of intervals must
+// agree with the read.
+class CondensedReading : public StorageFixture {};
 
-TEST_F(CondensedReading, LinearValuesUseTheRecordsAroundTheRange)
+TEST_F(CondensedReading, UsesTheRecordsAroundTheRange)
 {
-    const Records r = hourly(QStringLiteral("prevNextLinearFill"));
-    EXPECT_EQ(timestamps(r), (std::vector<long long>{at("11:00"), at("12:00"), at("13:00")}));
-    ASSERT_EQ(r.size(), 3u);
-    EXPECT_NEAR(r[0].value.toDouble(), 7.4, 1e-9);
-    EXPECT_NEAR(r[1].value.toDouble(), 8.6, 1e-9);
-    EXPECT_NEAR(r[2].value.toDouble(), 5.0, 1e-9);
-}
-
-TEST_F(CondensedReading, NextValueComesFromTheRecordAfterTheRange)
-{
-    EXPECT_EQ(values(hourly(QStringLiteral("next"))), (std::vector<double>{9.0, 4.0}));
-    EXPECT_EQ(values(hourly(QStringLiteral("prevFill"))), (std::vector<double>{7.0, 7.0, 9.0}));
-}
-
-TEST_F(CondensedReading, IntervalCountsAgreeWithTheRead)
-{
-    for (const char* method : {"countFill", "count", "meanA", "prevNext"}) {
-        Kel::Interpolate::InterpolateParam param;
-        param.method = QString::fromLatin1(method);
-        param.interval = 3600;
-        EXPECT_EQ(series->getCount(param, {}, at("11:00"), at("13:00"), true, false, false),
-                  qint64(hourly(param.method).size()))
+    write({at("09:50", 3), at("10:15", 5), at("10:40", 7), at("12:20", 9), at("13:10", 4)});
+    const std::pair<const char*, const char*> cases[] = {
+        {"prevNextLinearFill", "11:00=7.4 12:00=8.6 13:00=5"},
+        {"next", "11:00=9 13:00=4"},
+        {"prevFill", "11:00=7 12:00=7 13:00=9"},
+        {"prevNext", "11:00=7 11:00:00.001=9 13:00=9 13:00:00.001=4"},
+        {"countFill", "11:00=2 12:00=0 13:00=1"},
+        {"count", "11:00=2 13:00=1"},
+        {"meanA", "11:00=6 13:00=9"},
+    };
+    const long long from = ms("2024-05-07T11:00:00Z"), to = ms("2024-05-07T13:00:00Z");
+    for (const auto& [method, expected] : cases) {
+        const Records got = read(from, to, QString::fromLatin1(method), 3600);
+        EXPECT_EQ(show(got), expected) << method;
+        EXPECT_EQ(series->getCount(request(method, 3600), {}, from, to, true, false, false), qint64(got.size()))
             << method;
     }
 }
@@ -209,13 +155,7 @@ protected:
     void expectSameAsRecordByRecord(const InterpolateParam& param, const std::vector<InterpolateParam>& chain,
                                     long long start, long long end, bool label, int limit)
     {
-        Read read;
-        read.param = param;
-        read.chain = chain;
-        read.start = start;
-        read.end = end;
-        read.labelAtIntervalStart = label;
-        read.resultCount = limit;
+        Read read{param, chain, start, end, label, false, limit};
         const Records expected = runRead(read, all);
 
         Records got;

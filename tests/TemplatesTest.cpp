@@ -2,62 +2,53 @@
 // template into the primary request and its normalisation chain.
 #include "EngineHarness.h"
 
-#include <QJsonArray>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
 using Kel::Interpolate;
-using Kel::test::LogCapture;
-using Kel::test::writeBytes;
+using namespace Kel::test;
 
 namespace {
 
+// A request as "method interval [align] offset [days .. months ..]...".
+std::string shown(const Interpolate::InterpolateParam& p)
+{
+    QString text = QStringLiteral("%1 %2%3 %4")
+                       .arg(p.method)
+                       .arg(p.interval)
+                       .arg(p.alignStartEndTimestamp ? " align" : "")
+                       .arg(p.offsetMinFromUTC);
+    for (const Interpolate::FilterParam& f : p.filterParams) {
+        QStringList days, months;
+        for (int d : f.weekDays)
+            days << QString::number(d);
+        for (int m : f.months)
+            months << QString::number(m);
+        text += QStringLiteral(" [days %1 months %2]").arg(days.join(u','), months.join(u','));
+    }
+    return text.toStdString();
+}
+
 class Templates : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(install.isValid() && project.isValid());
-        for (const char* name : {"VANTIK_INSTALL_PATH", "VANTIK_CURRENT_PROJECT_LOCATION"})
-            saved.push_back({name, qgetenv(name), qEnvironmentVariableIsSet(name)});
-        qputenv("VANTIK_INSTALL_PATH", (install.path() + '/').toUtf8());
-        qputenv("VANTIK_CURRENT_PROJECT_LOCATION", (project.path() + '/').toUtf8());
-    }
-
-    void TearDown() override
-    {
-        for (const Saved& s : saved) {
-            if (s.wasSet)
-                qputenv(s.name, s.value);
-            else
-                qunsetenv(s.name);
-        }
-    }
-
     QString installFile() const { return install.filePath("cfg/dms/InterpolateTemplates.json"); }
     QString projectFile() const { return project.filePath("cfg/InterpolateTemplates_User.json"); }
 
     // Looks a template up into a request and chain that hold the caller's values.
     void lookUp(const char* name, int defaultOffset = 30)
     {
-        param = Interpolate::InterpolateParam{};
-        param.method = QStringLiteral("callers");
-        param.interval = 77;
+        param = request("callers", 77);
         param.offsetMinFromUTC = -5;
-        chain = {Interpolate::InterpolateParam{}};
-        chain[0].method = QStringLiteral("callersStep");
+        chain = {request("callersStep", 0)};
         Interpolate::loadTemplateParams(QString::fromUtf8(name), param, chain, defaultOffset);
     }
 
-    struct Saved {
-        const char* name;
-        QByteArray value;
-        bool wasSet;
-    };
-    std::vector<Saved> saved;
     QTemporaryDir install;
     QTemporaryDir project;
+    ScopedEnv installPath{"VANTIK_INSTALL_PATH", (install.path() + '/').toUtf8()};
+    ScopedEnv projectPath{"VANTIK_CURRENT_PROJECT_LOCATION", (project.path() + '/').toUtf8()};
     Interpolate::InterpolateParam param;
     std::vector<Interpolate::InterpolateParam> chain;
 };
@@ -71,7 +62,10 @@ TEST_F(Templates, AllFilesAreMergedInTheirOrderAndReadAfreshEachTime)
     writeBytes(projectFile(), R"([{"name":"e"}])");
     EXPECT_EQ(Interpolate::getTemplates(),
               QStringLiteral(R"([{"name":"a"},{"name":"b"},{"name":"c"},{"name":"d"},{"name":"e"}])"));
-    EXPECT_EQ(Interpolate::loadTemplates().array().size(), 5);
+
+    // Without a trailing slash a variable names no file.
+    installPath.set(install.path().toUtf8());
+    EXPECT_EQ(Interpolate::getTemplates(), QStringLiteral(R"([{"name":"e"}])"));
 }
 
 TEST_F(Templates, BrokenFileIsLoggedAndSkippedAndAnObjectFileSkippedSilently)
@@ -95,26 +89,12 @@ TEST_F(Templates, TemplateFillsTheRequestAndItsChain)
         "normalizeParams":[{"method":"prev","interval":60,"alignStartEndTimestamp":true,"offsetMinFromUTC":-60,
                             "filterParams":[{"months":[2]}]},{},7]}])");
     lookUp("Daily");
-    EXPECT_EQ(param.method, QStringLiteral("meanA"));
-    EXPECT_EQ(param.interval, -1);
-    EXPECT_TRUE(param.alignStartEndTimestamp);
-    EXPECT_EQ(param.offsetMinFromUTC, 60);
-    ASSERT_EQ(param.filterParams.size(), 1u);
-    EXPECT_EQ(param.filterParams[0].weekDays, (std::vector<int>{1}));
-
+    EXPECT_EQ(shown(param), "meanA -1 align 60 [days 1 months ]");
     ASSERT_EQ(chain.size(), 3u);
-    EXPECT_EQ(chain[0].method, QStringLiteral("prev"));
-    EXPECT_EQ(chain[0].interval, 60);
-    EXPECT_TRUE(chain[0].alignStartEndTimestamp);
-    EXPECT_EQ(chain[0].offsetMinFromUTC, -60);
-    EXPECT_EQ(chain[0].filterParams.at(0).months, (std::vector<int>{2}));
-    for (int i : {1, 2}) {  // {} and a step that is no object take every default
-        EXPECT_EQ(chain[i].method, QStringLiteral("prevNextLinearFill"));
-        EXPECT_EQ(chain[i].interval, 900);
-        EXPECT_FALSE(chain[i].alignStartEndTimestamp);
-        EXPECT_EQ(chain[i].offsetMinFromUTC, 30);
-        EXPECT_TRUE(chain[i].filterParams.empty());
-    }
+    EXPECT_EQ(shown(chain[0]), "prev 60 align -60 [days  months 2]");
+    // {} and a step that is no object take every default.
+    EXPECT_EQ(shown(chain[1]), "prevNextLinearFill 900 30");
+    EXPECT_EQ(shown(chain[2]), "prevNextLinearFill 900 30");
 }
 
 TEST_F(Templates, KeysLeftOutKeepTheCallersValuesExceptTheOffsetAndWrongTypesTakeDefaults)
@@ -123,49 +103,32 @@ TEST_F(Templates, KeysLeftOutKeepTheCallersValuesExceptTheOffsetAndWrongTypesTak
         "offsetMinFromUTC":"60","filterParams":{"months":[1]}},
         "normalizeParams":[{"method":5,"interval":"x","offsetMinFromUTC":2.5}]}])");
     lookUp("Daily");
-    EXPECT_EQ(param.method, QStringLiteral("callers"));
-    EXPECT_EQ(param.interval, 0);
-    EXPECT_FALSE(param.alignStartEndTimestamp);
-    EXPECT_EQ(param.offsetMinFromUTC, 30);
-    EXPECT_TRUE(param.filterParams.empty());
+    EXPECT_EQ(shown(param), "callers 0 30");
     ASSERT_EQ(chain.size(), 1u);
-    EXPECT_EQ(chain[0].method, QStringLiteral("prevNextLinearFill"));
-    EXPECT_EQ(chain[0].interval, 900);
-    EXPECT_EQ(chain[0].offsetMinFromUTC, 30);
+    EXPECT_EQ(shown(chain[0]), "prevNextLinearFill 900 30");
 }
 
-TEST_F(Templates, LaterFilesOverrideTheKeysTheyCarry)
+TEST_F(Templates, LaterFilesOverrideTheKeysTheyCarryAndNamesMatchExactly)
 {
     writeBytes(installFile(), R"([{"name":"Daily","interpolateParam":{"method":"meanA","interval":-1,
         "offsetMinFromUTC":60},"normalizeParams":[{"method":"prev"}]}])");
     writeBytes(projectFile(), R"([{"name":"Daily","interpolateParam":{"method":"max"}},{"name":"Other","normalizeParams":[]}])");
     lookUp("Daily");
-    EXPECT_EQ(param.method, QStringLiteral("max"));
-    EXPECT_EQ(param.interval, -1);
-    EXPECT_EQ(param.offsetMinFromUTC, 30);  // left out by the later entry: the caller's default
+    // Left out by the later entry: the offset takes the caller's default.
+    EXPECT_EQ(shown(param), "max -1 30");
     ASSERT_EQ(chain.size(), 1u);
-    EXPECT_EQ(chain[0].method, QStringLiteral("prev"));
+    EXPECT_EQ(shown(chain[0]), "prev 900 30");
     lookUp("Other");
     EXPECT_TRUE(chain.empty());
-}
 
-TEST_F(Templates, NamesMatchExactlyAfterAnExclamationMark)
-{
-    writeBytes(installFile(), R"([{"name":"Daily","interpolateParam":{"method":"meanA"}}])");
+    // Names match exactly after a "!"; a name that matches none leaves the
+    // caller's request and chain as they were.
     lookUp("!Daily");
-    EXPECT_EQ(param.method, QStringLiteral("meanA"));
+    EXPECT_EQ(shown(param), "max -1 30");
     lookUp("daily");
-    EXPECT_EQ(param.method, QStringLiteral("callers"));
-    EXPECT_EQ(param.interval, 77);
-    EXPECT_EQ(param.offsetMinFromUTC, -5);
-    EXPECT_EQ(chain.size(), 1u);
-}
-
-TEST_F(Templates, VariablesWithoutATrailingSlashFindNoFile)
-{
-    writeBytes(installFile(), R"([{"name":"a"}])");
-    qputenv("VANTIK_INSTALL_PATH", install.path().toUtf8());
-    EXPECT_EQ(Interpolate::getTemplates(), QStringLiteral("[]"));
+    EXPECT_EQ(shown(param), "callers 77 -5");
+    ASSERT_EQ(chain.size(), 1u);
+    EXPECT_EQ(shown(chain[0]), "callersStep 0 0");
 }
 
 } // namespace

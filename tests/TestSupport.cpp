@@ -5,6 +5,8 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <ctime>
+
 namespace Kel::test {
 
 LogCapture::LogCapture()
@@ -52,6 +54,27 @@ void touch(const QString& path)
 void makeDir(const QString& path)
 {
     QDir().mkpath(path);
+}
+
+ScopedEnv::ScopedEnv(const char* name, const QByteArray& value)
+    : name(name), saved(qgetenv(name)), wasSet(qEnvironmentVariableIsSet(name))
+{
+    set(value);
+}
+
+ScopedEnv::~ScopedEnv()
+{
+    if (wasSet)
+        qputenv(name, saved);
+    else
+        qunsetenv(name);
+    tzset();
+}
+
+void ScopedEnv::set(const QByteArray& value)
+{
+    qputenv(name, value);
+    tzset();
 }
 
 } // namespace Kel::test

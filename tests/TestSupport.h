@@ -7,7 +7,14 @@
 #include <QString>
 #include <QTemporaryDir>
 
+#include <ostream>
 #include <vector>
+
+// Failures show texts as text.
+inline void PrintTo(const QString& text, std::ostream* os)
+{
+    *os << '"' << text.toStdString() << '"';
+}
 
 namespace Kel::test {
 
@@ -29,5 +36,19 @@ void writeBytes(const QString& path, const QByteArray& bytes);
 // Creates an empty file (and its parent directories).
 void touch(const QString& path);
 void makeDir(const QString& path);
+
+// Sets an environment variable while it lives, then restores it; the C
+// library's time zone follows TZ either way.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const QByteArray& value);
+    ~ScopedEnv();
+    void set(const QByteArray& value);
+
+private:
+    const char* name;
+    QByteArray saved;
+    bool wasSet;
+};
 
 } // namespace Kel::test

@@ -9,9 +9,7 @@
 
 using Kel::TSDirControl;
 using Kel::TSFileInfo;
-using Kel::test::makeDir;
-using Kel::test::ms;
-using Kel::test::touch;
+using namespace Kel::test;
 
 // Each test builds a small tree by hand under a scratch base directory.
 class TreeLookup : public ::testing::Test {
@@ -28,41 +26,33 @@ protected:
     TSDirControl tree{base};
 };
 
-TEST_F(TreeLookup, YearFileHoldsItsYearAndNamesTheNextOneWhereItWouldGo)
-{
-    touch(at("2024"));
-
-    const TSFileInfo hit = tree.findFile(ms("2024-05-07T09:03:00Z"));
-    EXPECT_TRUE(hit.found());
-    EXPECT_EQ(rel(hit), QStringLiteral("2024"));
-
-    const TSFileInfo miss = tree.findFile(ms("2025-01-02T00:00:00Z"));
-    EXPECT_FALSE(miss.found());
-    EXPECT_EQ(rel(miss), QStringLiteral("2025"));
-    EXPECT_EQ(miss.getSubDir(), QString());
-}
-
+// A file holds its period; a miss names the file where it would go.
 TEST_F(TreeLookup, DescendsIntoDirectoriesUntilAFileOrAGap)
 {
+    touch(at("2023"));
     touch(at("2024/05"));
-
-    const TSFileInfo hit = tree.findFile(ms("2024-05-17T12:00:00Z"));
-    EXPECT_TRUE(hit.found());
-    EXPECT_EQ(hit.getDirDepth(), TSFileInfo::DEPTH_MONTH);
-
-    const TSFileInfo miss = tree.findFile(ms("2024-06-01T00:00:00Z"));
-    EXPECT_FALSE(miss.found());
-    EXPECT_EQ(rel(miss), QStringLiteral("2024/06"));
-    EXPECT_EQ(miss.getSubDir(), QStringLiteral("2024/"));
-}
-
-TEST_F(TreeLookup, MinuteDirectoryFallsBackToTheYearDirectory)
-{
-    makeDir(at("2024/05/07/09/03"));
-    const TSFileInfo info = tree.findFile(ms("2024-05-07T09:03:10Z"));
-    EXPECT_FALSE(info.found());
-    EXPECT_EQ(rel(info), QStringLiteral("2024"));
-    EXPECT_EQ(info.getSubDir(), QString());
+    makeDir(at("2025/05/07/09/03"));
+    const struct {
+        const char* time;
+        bool found;
+        const char* path;
+        const char* subDir;
+        TSFileInfo::DirDepth depth;
+    } cases[] = {
+        {"2023-05-07T09:03:00Z", true, "2023", "", TSFileInfo::DEPTH_YEAR},
+        {"2026-01-02T00:00:00Z", false, "2026", "", TSFileInfo::DEPTH_YEAR},
+        {"2024-05-17T12:00:00Z", true, "2024/05", "2024/", TSFileInfo::DEPTH_MONTH},
+        {"2024-06-01T00:00:00Z", false, "2024/06", "2024/", TSFileInfo::DEPTH_MONTH},
+        // A directory where the minute file would be: back to the year entry.
+        {"2025-05-07T09:03:10Z", false, "2025", "", TSFileInfo::DEPTH_YEAR},
+    };
+    for (const auto& c : cases) {
+        const TSFileInfo info = tree.findFile(ms(c.time));
+        EXPECT_EQ(info.found(), c.found) << c.time;
+        EXPECT_EQ(rel(info), QLatin1String(c.path)) << c.time;
+        EXPECT_EQ(info.getSubDir(), QLatin1String(c.subDir)) << c.time;
+        EXPECT_EQ(info.getDirDepth(), c.depth) << c.time;
+    }
 }
 
 TEST_F(TreeLookup, FirstLastPrevAndNextAcrossFilesAndDirectoriesSideBySide)
@@ -86,61 +76,34 @@ TEST_F(TreeLookup, FirstLastPrevAndNextAcrossFilesAndDirectoriesSideBySide)
     EXPECT_TRUE(tree.findPrevFile(y2023).filePath().isEmpty());
 }
 
-TEST_F(TreeLookup, NeighboursOfAMissingFileAreTheFilesAroundItsPlace)
-{
-    touch(at("2024/02"));
-    touch(at("2024/04"));
-
-    const TSFileInfo march = tree.findFile(ms("2024-03-10T00:00:00Z"));
-    ASSERT_FALSE(march.found());
-    EXPECT_EQ(rel(tree.findNextFile(march)), QStringLiteral("2024/04"));
-    EXPECT_EQ(rel(tree.findPrevFile(march)), QStringLiteral("2024/02"));
-}
-
-TEST_F(TreeLookup, NeighbourInAnotherBranchIsTheNearestFileOfThatPeriod)
+// The neighbours of a file, or of a missing one, are the nearest files of
+// the periods around it, in whatever branch they lie.
+TEST_F(TreeLookup, NeighboursAreTheNearestFilesInAnyBranch)
 {
     touch(at("2023/12/30"));
     touch(at("2023/12/31/22"));
     touch(at("2023/12/31/23"));
     touch(at("2024/01/01"));
+    touch(at("2024/03"));
 
     const TSFileInfo lastOf2023 = tree.findFile(ms("2023-12-31T23:30:00Z"));
     ASSERT_TRUE(lastOf2023.found());
     EXPECT_EQ(rel(tree.findNextFile(lastOf2023)), QStringLiteral("2024/01/01"));
-    EXPECT_EQ(rel(tree.findPrevFile(tree.findFile(ms("2024-01-01T05:00:00Z")))),
-              QStringLiteral("2023/12/31/23"));
-    EXPECT_EQ(rel(tree.findPrevFile(tree.findFile(ms("2023-12-31T22:00:00Z")))),
-              QStringLiteral("2023/12/30"));
+    EXPECT_EQ(rel(tree.findPrevFile(tree.findFile(ms("2024-01-01T05:00:00Z")))), QStringLiteral("2023/12/31/23"));
+    EXPECT_EQ(rel(tree.findPrevFile(tree.findFile(ms("2023-12-31T22:00:00Z")))), QStringLiteral("2023/12/30"));
+
+    const TSFileInfo missing = tree.findFile(ms("2024-02-10T00:00:00Z"));
+    ASSERT_FALSE(missing.found());
+    EXPECT_EQ(rel(tree.findNextFile(missing)), QStringLiteral("2024/03"));
+    EXPECT_EQ(rel(tree.findPrevFile(missing)), QStringLiteral("2024/01/01"));
 }
 
-TEST_F(TreeLookup, EmptyDirectoryEndsTheSearch)
+// Levels are files, directories and what links point to; names of other
+// lengths, hidden names, pipes and dangling links are passed over.
+TEST_F(TreeLookup, OnlyEntriesOfTheTreeAreSeen)
 {
-    touch(at("2024/06"));
-    makeDir(at("2024/07"));
-    touch(at("2024/08"));
-
-    EXPECT_TRUE(tree.findNextFile(tree.findFile(ms("2024-06-15T00:00:00Z"))).filePath().isEmpty());
-
-    makeDir(at("2025"));
-    EXPECT_TRUE(tree.findLastFile().filePath().isEmpty());
-}
-
-TEST_F(TreeLookup, NamesOfOtherLengthsAreIgnored)
-{
-    touch(at("2024.var"));
-    touch(at("notes.txt"));
-    touch(at("7"));
-    touch(at("12345"));
-    EXPECT_TRUE(tree.findFirstFile().filePath().isEmpty());
-
-    touch(at("2024"));
-    EXPECT_EQ(rel(tree.findFirstFile()), QStringLiteral("2024"));
-    EXPECT_EQ(rel(tree.findLastFile()), QStringLiteral("2024"));
-}
-
-TEST_F(TreeLookup, LevelsAreFilesDirectoriesAndWhatLinksPointToButNothingHidden)
-{
-    touch(at(".024"));
+    for (const char* name : {"2024.var", "notes.txt", "7", "12345", ".024"})
+        touch(at(name));
     ASSERT_EQ(::mkfifo(QFile::encodeName(at("2023")).constData(), 0600), 0);
     ASSERT_TRUE(QFile::link(at("nowhere"), at("2022")));
     EXPECT_TRUE(tree.findFirstFile().filePath().isEmpty());
@@ -167,17 +130,19 @@ TEST_F(TreeLookup, MissingBaseDirectoryFindsNothing)
     EXPECT_TRUE(missing.findNextFile(TSFileInfo()).filePath().isEmpty());
 }
 
-TEST_F(TreeLookup, InstantsOutsideTheYearsOfTheTreeFindNothing)
+// A walk ends at an empty directory. A name that is no date (month 20)
+// has no period; the walk moves on by the names on disk and ends, where it
+// used to start over from 1970 for ever.
+TEST_F(TreeLookup, WalksEndAtAnEmptyDirectoryAndPastANameThatIsNoDate)
 {
-    EXPECT_TRUE(tree.findFile(ms("9999-12-31T23:59:59Z") + 1000).filePath().isEmpty());
-    EXPECT_TRUE(tree.findFile(std::numeric_limits<long long>::min()).filePath().isEmpty());
-    EXPECT_EQ(rel(tree.findFile(-1)), QStringLiteral("1969"));
-}
+    touch(at("2024/06"));
+    makeDir(at("2024/07"));
+    touch(at("2024/08"));
+    EXPECT_TRUE(tree.findNextFile(tree.findFile(ms("2024-06-15T00:00:00Z"))).filePath().isEmpty());
+    makeDir(at("2025"));
+    EXPECT_TRUE(tree.findLastFile().filePath().isEmpty());
 
-// A name that is no date (month 20) has no period; the walk moves on by the
-// names on disk and ends, where it used to start over from 1970 for ever.
-TEST_F(TreeLookup, WalkPastANameThatIsNoDateEnds)
-{
+    QDir(base).removeRecursively();
     touch(at("3820/20"));
     touch(at("5702/05/19/07"));
     TSFileInfo info = tree.findFirstFile();

@@ -8,8 +8,7 @@
 
 using Kel::TSDirControl;
 using Kel::TSFileInfo;
-using Kel::test::LogCapture;
-using Kel::test::ms;
+using namespace Kel::test;
 
 TEST(TreeNaming, BaseDirectoryIsNormalised)
 {
@@ -21,42 +20,36 @@ TEST(TreeNaming, EntryNamesArePaddedButNeverCut)
 {
     TSDirControl tree(QStringLiteral("/x"));
     const Poco::DateTime date(2024, 5, 7, 9, 3);
-    EXPECT_EQ(tree.getFileNameForDepth(date, TSFileInfo::DEPTH_YEAR), QStringLiteral("2024"));
-    EXPECT_EQ(tree.getFileNameForDepth(date, TSFileInfo::DEPTH_MONTH), QStringLiteral("05"));
-    EXPECT_EQ(tree.getFileNameForDepth(date, TSFileInfo::DEPTH_DAY), QStringLiteral("07"));
-    EXPECT_EQ(tree.getFileNameForDepth(date, TSFileInfo::DEPTH_HOUR), QStringLiteral("09"));
-    EXPECT_EQ(tree.getFileNameForDepth(date, TSFileInfo::DEPTH_MINUTE), QStringLiteral("03"));
-    EXPECT_EQ(tree.getFileNameForDepth(Poco::DateTime(987, 1, 1), TSFileInfo::DEPTH_YEAR),
-              QStringLiteral("0987"));
-    EXPECT_EQ(tree.getFileNameForDepth(date, TSFileInfo::DirDepth(7)), QStringLiteral("2024"));
+    // Year to minute, and for an unknown depth the year.
+    const std::pair<int, const char*> names[] = {{0, "2024"}, {1, "05"}, {2, "07"}, {3, "09"}, {4, "03"}, {7, "2024"}};
+    for (const auto& [depth, name] : names)
+        EXPECT_EQ(tree.getFileNameForDepth(date, TSFileInfo::DirDepth(depth)), QLatin1String(name)) << depth;
+    EXPECT_EQ(tree.getFileNameForDepth(Poco::DateTime(987, 1, 1), TSFileInfo::DEPTH_YEAR), QStringLiteral("0987"));
 }
 
-TEST(TreeNaming, DepthAndBaseTimestampFollowThePath)
+TEST(TreeNaming, DepthBaseAndPeriodEndFollowThePath)
 {
-    const TSFileInfo year(QFileInfo(QStringLiteral("/b/2024")), QString());
-    EXPECT_EQ(year.getDirDepth(), TSFileInfo::DEPTH_YEAR);
-    EXPECT_EQ(year.getBaseTsMs(), 1704067200000LL);
-
-    const TSFileInfo minute(QFileInfo(QStringLiteral("/b/2024/05/07/09/03")), QStringLiteral("2024/05/07/09/"));
-    EXPECT_EQ(minute.getDirDepth(), TSFileInfo::DEPTH_MINUTE);
-    EXPECT_EQ(minute.getBaseTsMs(), ms("2024-05-07T09:03:00Z"));
-
-    const TSFileInfo day(QFileInfo(QStringLiteral("/b/2024/05/07")), QStringLiteral("2024//05/"));
-    EXPECT_EQ(day.getDirDepth(), TSFileInfo::DEPTH_DAY);
-    EXPECT_EQ(day.getBaseTsMs(), ms("2024-05-07T00:00:00Z"));
-}
-
-TEST(TreeNaming, PeriodEndIsOneCalendarUnitAfterTheBase)
-{
-    EXPECT_EQ(TSFileInfo(QFileInfo(QStringLiteral("/b/2024")), QString()).getPeriodEndTsMs(),
-              ms("2025-01-01T00:00:00Z"));
-    EXPECT_EQ(TSFileInfo(QFileInfo(QStringLiteral("/b/2024/02")), QStringLiteral("2024/")).getPeriodEndTsMs(),
-              ms("2024-03-01T00:00:00Z"));
-    EXPECT_EQ(TSFileInfo(QFileInfo(QStringLiteral("/b/2023/12")), QStringLiteral("2023/")).getPeriodEndTsMs(),
-              ms("2024-01-01T00:00:00Z"));
-    EXPECT_EQ(TSFileInfo(QFileInfo(QStringLiteral("/b/2024/05/07/09")), QStringLiteral("2024/05/07/"))
-                  .getPeriodEndTsMs(),
-              ms("2024-05-07T10:00:00Z"));
+    const struct {
+        const char* path;
+        const char* subDir;  // as the lookups pass it, doubled slashes and all
+        TSFileInfo::DirDepth depth;
+        const char* base;
+        const char* periodEnd;
+    } cases[] = {
+        {"/b/2024", "", TSFileInfo::DEPTH_YEAR, "2024-01-01T00:00:00Z", "2025-01-01T00:00:00Z"},
+        {"/b/2024/02", "2024/", TSFileInfo::DEPTH_MONTH, "2024-02-01T00:00:00Z", "2024-03-01T00:00:00Z"},
+        {"/b/2023/12", "2023/", TSFileInfo::DEPTH_MONTH, "2023-12-01T00:00:00Z", "2024-01-01T00:00:00Z"},
+        {"/b/2024/05/07", "2024//05/", TSFileInfo::DEPTH_DAY, "2024-05-07T00:00:00Z", "2024-05-08T00:00:00Z"},
+        {"/b/2024/05/07/09", "2024/05/07/", TSFileInfo::DEPTH_HOUR, "2024-05-07T09:00:00Z", "2024-05-07T10:00:00Z"},
+        {"/b/2024/05/07/09/03", "2024/05/07/09/", TSFileInfo::DEPTH_MINUTE, "2024-05-07T09:03:00Z",
+         "2024-05-07T09:04:00Z"},
+    };
+    for (const auto& c : cases) {
+        const TSFileInfo info(QFileInfo(QLatin1String(c.path)), QLatin1String(c.subDir));
+        EXPECT_EQ(info.getDirDepth(), c.depth) << c.path;
+        EXPECT_EQ(info.getBaseTsMs(), ms(c.base)) << c.path;
+        EXPECT_EQ(info.getPeriodEndTsMs(), ms(c.periodEnd)) << c.path;
+    }
 }
 
 TEST(TreeNaming, ImpossibleDateLogsAndFallsBackToZero)
@@ -70,19 +63,17 @@ TEST(TreeNaming, ImpossibleDateLogsAndFallsBackToZero)
     EXPECT_EQ(log.entries[0].sourceFile, QStringLiteral("lib/KelTSFileStorage/src/TSFileInfo"));
 }
 
-TEST(TreeNaming, DefaultInfoNamesNothingAndStartsIn1970)
+// A default info names nothing and starts in 1970; only a file is found.
+TEST(TreeNaming, DefaultInfoNamesNothingAndADirectoryIsNotFound)
 {
     const TSFileInfo info;
     EXPECT_FALSE(info.found());
     EXPECT_EQ(info.getDirDepth(), TSFileInfo::DEPTH_YEAR);
     EXPECT_EQ(info.getBaseTsMs(), 0);
-}
 
-TEST(TreeNaming, DirectoryIsNotFound)
-{
     QTemporaryDir tmp;
-    Kel::test::makeDir(tmp.filePath(QStringLiteral("2024")));
-    Kel::test::touch(tmp.filePath(QStringLiteral("2023")));
+    makeDir(tmp.filePath(QStringLiteral("2024")));
+    touch(tmp.filePath(QStringLiteral("2023")));
     EXPECT_FALSE(TSFileInfo(QFileInfo(tmp.filePath(QStringLiteral("2024"))), QString()).found());
     EXPECT_TRUE(TSFileInfo(QFileInfo(tmp.filePath(QStringLiteral("2023"))), QString()).found());
 }

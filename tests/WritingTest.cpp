@@ -5,8 +5,6 @@
 
 #include <algorithm>
 
-#include <random>
-
 using namespace Kel::test;
 using Kel::TSFileStorage;
 
@@ -14,15 +12,6 @@ class Writing : public StorageFixture {
 protected:
     const long long t0 = ms("2024-05-07T09:00:00Z");
     QString year() const { return file(QStringLiteral("2024")); }
-
-    // The bytes that a single sorted batch of these records produces.
-    QByteArray bytesOf(const Records& records, QMetaType::Type type = QMetaType::Double)
-    {
-        QTemporaryDir other;
-        TSFileStorage fresh(other.path(), type, 1 << 30);
-        fresh.writeDataRecords(records, false, false);
-        return readBytes(fresh.baseDir + QStringLiteral("2024"));
-    }
 };
 
 TEST_F(Writing, BatchInAnyOrderEndsSortedWithTheLargerDuplicateKept)
@@ -37,17 +26,6 @@ TEST_F(Writing, BatchInAnyOrderEndsSortedWithTheLargerDuplicateKept)
               QStringLiteral("Value on '%1' overwritten on time stamp 2024-05-07T09:00:00Z old:3, new:5")
                   .arg(series->baseDir));
     EXPECT_EQ(log.entries[0].level, 4);
-    EXPECT_EQ(log.entries[0].line, 1414);
-}
-
-TEST_F(Writing, EqualValueWritesAndLogsNothing)
-{
-    write({{t0, 1.5}, {t0 + 1000, 2.5}});
-    const QByteArray before = readBytes(year());
-    LogCapture log;
-    ASSERT_TRUE(write({{t0, 1.5}}));
-    EXPECT_TRUE(log.entries.empty());
-    EXPECT_EQ(readBytes(year()), before);
 }
 
 TEST_F(Writing, InsertsChangeOnlyTheBytesTheyMust)
@@ -95,13 +73,14 @@ TEST_F(Writing, FewAndManyChangesToALargeFileLandAlike)
     change(spread);
 }
 
-TEST_F(Writing, OverwriteInsideTheFilePatchesOneRecord)
+TEST_F(Writing, OverwriteInsideTheFilePatchesOneRecordAndAnEqualValueNothing)
 {
     write({{t0, 1.0}, {t0 + 1000, 2.0}, {t0 + 2000, 3.0}});
     LogCapture log;
-    write({{t0 + 1000, 9.0}, {t0 + 3000, 4.0}});
+    write({{t0 + 1000, 9.0}, {t0 + 2000, 3.0}, {t0 + 3000, 4.0}});
     EXPECT_EQ(readBytes(year()), bytesOf({{t0, 1.0}, {t0 + 1000, 9.0}, {t0 + 2000, 3.0}, {t0 + 3000, 4.0}}));
-    EXPECT_EQ(log.count(QStringLiteral("old:2, new:9")), 1);
+    ASSERT_EQ(log.entries.size(), 1u);
+    EXPECT_TRUE(log.entries[0].message.endsWith(QStringLiteral("old:2, new:9")));
 }
 
 TEST_F(Writing, AppendOnlyWritesOutOfOrderOnPurpose)
@@ -109,23 +88,6 @@ TEST_F(Writing, AppendOnlyWritesOutOfOrderOnPurpose)
     write({{t0 + 5000, 5.0}});
     ASSERT_TRUE(series->writeDataRecordsInt({{t0, 1.0}, {t0, 1.0}}, false, false, true));
     EXPECT_EQ(readBytes(year()), bytesOf({{t0 + 5000, 5.0}}) + bytesOf({{t0, 1.0}}) + bytesOf({{t0, 1.0}}));
-}
-
-TEST_F(Writing, VariableSeriesOverwriteLogsNothingAndCompactsItsSideFile)
-{
-    useSeries(QMetaType::QString);
-    write({{t0, QStringLiteral("a")}, {t0 + 1000, QStringLiteral("b")}});
-    LogCapture log;
-    write({{t0, QStringLiteral("c")}});
-    EXPECT_EQ(log.count(QStringLiteral("overwritten")), 0);
-    EXPECT_EQ(log.count(QStringLiteral("Reorganize .var file")), 1);
-    EXPECT_EQ(readBytes(year() + QStringLiteral(".var")),
-              [&] {
-                  QTemporaryDir other;
-                  TSFileStorage fresh(other.path(), QMetaType::QString, 1 << 30);
-                  fresh.writeDataRecords({{t0, QStringLiteral("c")}, {t0 + 1000, QStringLiteral("b")}}, false, false);
-                  return readBytes(fresh.baseDir + QStringLiteral("2024.var"));
-              }());
 }
 
 TEST_F(Writing, FilesOfSeveralPeriodsAreEachWrittenOnce)
@@ -140,16 +102,6 @@ TEST_F(Writing, FilesOfSeveralPeriodsAreEachWrittenOnce)
     EXPECT_EQ(QFileInfo(file(QStringLiteral("2024/06"))).size(), 16);
     EXPECT_EQ(QFileInfo(file(QStringLiteral("2024/07"))).size(), 16);
     EXPECT_EQ(read().size(), 7u);
-}
-
-TEST_F(Writing, TornAppendIsRepairedByTheNextWrite)
-{
-    write({{t0, 1.0}});
-    writeBytes(year(), readBytes(year()) + QByteArray("\x00\x01\x02", 3));
-    LogCapture log;
-    write({{t0 + 1000, 2.0}});
-    EXPECT_EQ(readBytes(year()), bytesOf({{t0, 1.0}, {t0 + 1000, 2.0}}));
-    EXPECT_EQ(log.count(QStringLiteral("partial record")), 1);
 }
 
 // The bytes the single-record stream operations give these records in a
@@ -190,18 +142,7 @@ TEST_F(Writing, FloatSeriesKeepsEightValueBytesAcrossBatches)
     write({{t0, 1.5f}, {t0 + 2000, 3.5f}});
     write({{t0 + 1000, 2.5f}, {t0 + 3000, 4.5f}});
     EXPECT_EQ(QFileInfo(year()).size(), 4 * (5 + 8));
-    const Records back = read();
-    ASSERT_EQ(back.size(), 4u);
-    EXPECT_EQ(back[1].value.toFloat(), 2.5f);
-    EXPECT_EQ(series->getCount({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, true, false, false), 4);
-}
-
-TEST_F(Writing, InstantsOutsideTheTreeAreRefusedAndTheRestWritten)
-{
-    LogCapture log;
-    EXPECT_FALSE(write({{ms("9999-12-31T23:59:59Z") + 5000, 1.0}, {t0, 2.0}}));
-    EXPECT_EQ(read().size(), 1u);
-    EXPECT_EQ(log.count(QStringLiteral("outside the years")), 1);
+    EXPECT_EQ(read().at(1).value, QVariant(2.5f));
 }
 
 TEST_F(Writing, BackfilledTimestampsAreLoggedInTheCompanionP)
