@@ -100,10 +100,11 @@ std::string perRecordFault(const Records& got, const Records& before, const Reco
 QStringList leftovers(const QString& dir)
 {
     QStringList found;
-    for (QDirIterator it(dir, QDir::AllEntries | QDir::NoDotAndDotDot, QDirIterator::Subdirectories); it.hasNext();) {
+    const auto filters = QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot;
+    for (QDirIterator it(dir, filters, QDirIterator::Subdirectories); it.hasNext();) {
         const QString path = it.next();
         if (path.endsWith(QLatin1String(".new")) || path.endsWith(QLatin1String(".new.var")) ||
-            path.contains(QLatin1String(".split")))
+            path.contains(QLatin1String(".split")) || path.endsWith(QLatin1String("/.spare")))
             found.append(path);
     }
     return found;

@@ -442,6 +442,7 @@ TEST_F(KeltsTool, CheckNamesLeftoversAndStraysInCompanions)
     write(dir(), "double", "2024-05-07T09:00:10Z,3\n", {"--overwritten"});
     const QString base = dir() + "/D/2024";
     QFile(base).copy(base + ".new");
+    QFile(base).copy(dir() + "/D/.spare");
     QDir().mkpath(dir() + "/DO/old");
     // The log of replaced values is filed under the time of the write.
     const QString log = dir() + "/DO/V/" + QDir(dir() + "/DO/V").entryList({"????"}, QDir::Files).value(0);
@@ -449,11 +450,12 @@ TEST_F(KeltsTool, CheckNamesLeftoversAndStraysInCompanions)
     const Outcome r = kelts({"check", dir(), "--type", "double"});
     EXPECT_EQ(r.status, 1);
     for (const QString& expected : {base + ".new: left by an interrupted rewrite",
+                                    dir() + "/D/.spare: left by an interrupted batch write",
                                     dir() + "/DO/old: stray entry in a companion directory",
                                     log + ".var.bak: stray file",
                                     log + ".var: side file missing or unreadable"})
         EXPECT_TRUE(r.out.contains(expected)) << qPrintable(expected) << "\n" << qPrintable(r.out);
-    EXPECT_TRUE(r.out.contains("checked 1 series and 1 companion, 2 files, 3 records: 4 problems")) << qPrintable(r.out);
+    EXPECT_TRUE(r.out.contains("checked 1 series and 1 companion, 2 files, 3 records: 5 problems")) << qPrintable(r.out);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include <QDir>
 
 #include <algorithm>
+#include <unistd.h>
 
 using namespace Kel::test;
 using Kel::TSFileStorage;
@@ -71,6 +72,80 @@ TEST_F(Writing, FewAndManyChangesToALargeFileLandAlike)
     for (long long i = 0; i < 700; ++i)
         spread.push_back({t0 + i * 20000 + 250, double(-i)});
     change(spread);
+}
+
+// Records a minute apart in `year`, each valued by its minute + offset.
+Records minutes(int year, int n, double offset = 0)
+{
+    Records r;
+    const long long start = ms((std::to_string(year) + "-03-01T00:00:00Z").c_str());
+    for (int i = 0; i < n; ++i)
+        r.push_back({start + i * 60000LL, double(i) + offset});
+    return r;
+}
+
+// Records between those of minutes(): 30 s after every step-th minute.
+Records between(int year, int n, int step)
+{
+    Records r;
+    for (const Record& m : minutes(year, n))
+        if (qRound64(m.value.toDouble()) % step == 0)
+            r.push_back({m.timestamp + 30000, -m.value.toDouble()});
+    return r;
+}
+
+class RewritingSeveralFiles : public Writing {
+protected:
+    void SetUp() override
+    {
+        write(joined(joined(minutes(2021, 3000), minutes(2022, 10)), minutes(2023, 100)));
+    }
+    QString yearFile(int year) const { return file(QString::number(year)); }
+    // Inserts into each year file, the largest first: the file each rewrite
+    // replaces is larger, then smaller than the next one's new contents.
+    void insertIntoEveryYear()
+    {
+        ASSERT_TRUE(write(joined(joined(between(2021, 3000, 7), between(2022, 10, 2)), between(2023, 100, 3))));
+    }
+    static Records merged(const Records& a, Records b)
+    {
+        b.insert(b.end(), a.begin(), a.end());
+        std::stable_sort(b.begin(), b.end(), [](const Record& x, const Record& y) { return x.timestamp < y.timestamp; });
+        return b;
+    }
+    QString spare() const { return series->baseDir + QStringLiteral(".spare"); }
+};
+
+TEST_F(RewritingSeveralFiles, EachFileGetsExactlyItsRecordsAndNothingIsLeftBeside)
+{
+    insertIntoEveryYear();
+    EXPECT_EQ(readBytes(yearFile(2021)), bytesOf(merged(minutes(2021, 3000), between(2021, 3000, 7)), QMetaType::Double, "2021"));
+    EXPECT_EQ(readBytes(yearFile(2022)), bytesOf(merged(minutes(2022, 10), between(2022, 10, 2)), QMetaType::Double, "2022"));
+    EXPECT_EQ(readBytes(yearFile(2023)), bytesOf(merged(minutes(2023, 100), between(2023, 100, 3)), QMetaType::Double, "2023"));
+    EXPECT_EQ(QDir(series->baseDir).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+              (QStringList{"2021", "2022", "2023"}));
+}
+
+TEST_F(RewritingSeveralFiles, AReaderOfAReplacedFileKeepsReadingItsOldRecords)
+{
+    const QByteArray old = readBytes(yearFile(2021));
+    QFile held(yearFile(2021));
+    ASSERT_TRUE(held.open(QIODevice::ReadOnly));
+    insertIntoEveryYear();
+    EXPECT_EQ(held.readAll(), old);
+    EXPECT_EQ(count(), 3110 + 429 + 5 + 34);
+}
+
+TEST_F(RewritingSeveralFiles, AReplacedFileStillLinkedElsewhereIsNeverWrittenOver)
+{
+    // As a process stopped between keeping the replaced file and replacing
+    // it leaves things: the hidden name is a second link to a stored file.
+    const QByteArray stored = readBytes(yearFile(2021));
+    ASSERT_EQ(::link(QFile::encodeName(yearFile(2021)).constData(), QFile::encodeName(spare()).constData()), 0);
+    ASSERT_TRUE(write(joined(between(2022, 10, 2), between(2023, 100, 3))));
+    EXPECT_EQ(readBytes(yearFile(2021)), stored);
+    EXPECT_FALSE(QFileInfo::exists(spare()));
+    EXPECT_EQ(count(), 3110 + 5 + 34);
 }
 
 TEST_F(Writing, OverwriteInsideTheFilePatchesOneRecordAndAnEqualValueNothing)

@@ -167,7 +167,10 @@ private:
             const QLatin1String s(suffix);
             return name.endsWith(s) && isLevelName(name.chopped(s.size()), level, parents);
         };
-        if (stemIsLevelName(".new.var") || stemIsLevelName(".new"))
+        if (level == 0 && name == QLatin1String(".spare"))
+            problems.add(e.filePath(), QStringLiteral("left by an interrupted batch write; the next write "
+                                                      "among stored records removes it"));
+        else if (stemIsLevelName(".new.var") || stemIsLevelName(".new"))
             problems.add(e.filePath(), QStringLiteral("left by an interrupted rewrite; the next access to the file "
                                                       "finishes or discards it"));
         else if (stemIsLevelName(".split"))

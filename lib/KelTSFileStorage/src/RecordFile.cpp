@@ -15,6 +15,8 @@
 #include <climits>
 #include <cstring>
 #include <new>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -428,6 +430,18 @@ bool writeWhole(const QString& path, const std::vector<Piece>& pieces)
     return written;
 }
 
+// Writes the pieces over what the open file holds and cuts it behind them.
+bool writeOver(int fd, const std::vector<Piece>& pieces)
+{
+    qint64 size = 0;
+    for (const Piece& piece : pieces)
+        size += piece.size;
+    const bool written = writePieces(fd, pieces) && ::ftruncate(fd, off_t(size)) == 0;
+    ::close(fd);
+    diskStepDone();
+    return written;
+}
+
 bool writeWhole(const QString& path, const QByteArray& data)
 {
     return writeWhole(path, {{data.constData(), data.size()}});
@@ -447,11 +461,68 @@ QString sideFileOf(const QString& path)
 
 } // namespace
 
-bool replaceFile(const QString& path, const std::vector<Piece>& pieces)
+namespace {
+
+// Whether the open file is a regular file with no other name and no other
+// opener: only then is a write lease granted. It is given up at once; under
+// its hidden name, nobody who reads the tree can open the file after that.
+bool heldHereOnly(int fd)
+{
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1)
+        return false;
+    return ::fcntl(fd, F_SETLEASE, F_WRLCK) == 0 && ::fcntl(fd, F_SETLEASE, F_UNLCK) == 0;
+}
+
+} // namespace
+
+SpareFile::SpareFile(const QString& seriesDir)
+    : path(QFile::encodeName(seriesDir + QStringLiteral(".spare")))
+{
+}
+
+SpareFile::~SpareFile()
+{
+    if (used)
+        ::unlink(path.constData());
+}
+
+int SpareFile::takeAs(const QString& to)
+{
+    const int fd = ::open(path.constData(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0)
+        return -1;
+    if (heldHereOnly(fd) && std::rename(path.constData(), QFile::encodeName(to).constData()) == 0) {
+        diskStepDone();
+        return fd;
+    }
+    ::close(fd);
+    ::unlink(path.constData());
+    return -1;
+}
+
+void SpareFile::keep(const QString& replaced)
+{
+    if (::link(QFile::encodeName(replaced).constData(), path.constData()) == 0)
+        diskStepDone();
+}
+
+void SpareFile::drop()
+{
+    ::unlink(path.constData());
+}
+
+bool replaceFile(const QString& path, const std::vector<Piece>& pieces, SpareFile* spare)
 {
     const QString temp = rewritePath(path);
-    if (writeWhole(temp, pieces) && renameOver(temp, path))
+    const int fd = spare ? spare->takeAs(temp) : -1;
+    const bool written = fd >= 0 ? writeOver(fd, pieces) : writeWhole(temp, pieces);
+    if (written && spare)
+        spare->keep(path);
+    if (written && renameOver(temp, path))
         return true;
+    if (spare)
+        spare->drop();
     QFile::remove(temp);
     return false;
 }

@@ -180,10 +180,43 @@ struct Piece {
     qint64 size;
 };
 
+// The replaced contents of one rewritten file, passed on to the next file a
+// batch rewrites: kept under a hidden name in the series' directory and
+// written over with that file's new contents. Freeing a file's blocks and
+// allocating them again costs more than copying its megabyte where the file
+// system discards what it frees; a spare costs neither. A spare is written
+// over only when it is nothing but the old contents: no other name links to
+// it and no one has it open (a write lease can be taken), so a reader still
+// reading a replaced file keeps its records intact. Removed when the batch
+// ends; one left by a stopped process is removed by the next batch that
+// writes among stored records (appends leave the name alone).
+class SpareFile {
+public:
+    explicit SpareFile(const QString& seriesDir);
+    ~SpareFile();
+    SpareFile(const SpareFile&) = delete;
+    SpareFile& operator=(const SpareFile&) = delete;
+
+    // Moves the spare to `to`, opened for writing over; -1 when there is
+    // none that may be written over.
+    int takeAs(const QString& to);
+    // Keeps the file at `path`, about to be replaced, as the next spare.
+    void keep(const QString& path);
+    // Gives up the spare kept by keep() when the replacement did not happen.
+    void drop();
+    // Makes the batch remove whatever spare stands there at its end.
+    void claim() { used = true; }
+
+private:
+    QByteArray path;
+    bool used = false;
+};
+
 // Writes the pieces, one after the other, to rewritePath(path) and renames
 // it over path, so that the file holds either its old or its new contents,
-// whenever the process stops.
-bool replaceFile(const QString& path, const std::vector<Piece>& pieces);
+// whenever the process stops. With a spare, the new contents go into the
+// spare's blocks and the old file becomes the next spare.
+bool replaceFile(const QString& path, const std::vector<Piece>& pieces, SpareFile* spare = nullptr);
 bool replaceFile(const QString& path, const char* data, qint64 size);
 
 // Replaces a storage file and its side file together: both new contents are

@@ -111,9 +111,12 @@ QString isoTime(long long ms)
 // buffer. All are page aligned: the kernel copies to and from a buffer that
 // starts inside a page several times slower.
 struct BatchBuffers {
+    explicit BatchBuffers(const QString& seriesDir) : spare(seriesDir) {}
+
     detail::BlockBuffer stored;
     detail::BlockBuffer rewritten;
     detail::BlockBuffer blocks;
+    detail::SpareFile spare;
 };
 
 // Applies the share of one batch that falls into one storage file.
@@ -306,6 +309,7 @@ private:
     // stored ones makes the whole file be written anew beside the old one.
     bool merge(const Record* first, const Record* last)
     {
+        buffers.spare.claim();
         std::vector<Placement> places;
         const qint64 count = file.count();
         // A search on disk reads one timestamp a call; a batch with many
@@ -429,7 +433,7 @@ private:
             placed += stride;
         }
         add(loadedRecord(copied), (count - copied) * stride);
-        return finishVar() && detail::replaceFile(file.path(), pieces);
+        return finishVar() && detail::replaceFile(file.path(), pieces, &buffers.spare);
     }
 
     // Values reach the side file before the records that refer to them.
@@ -473,7 +477,7 @@ try
 
     std::vector<long long> backfilled;
     std::vector<Record> overwritten;
-    BatchBuffers buffers;
+    BatchBuffers buffers(baseDir);
     bool allPlaced = true;
     const Record* const end = records.data() + records.size();
     for (const Record* first = records.data(); first != end;) {
