@@ -101,24 +101,24 @@ bool SqliteSeries::stepRow(sqlite3_stmt* statement, Row2& row)
     return true;
 }
 
+void SqliteSeries::collectRows(sqlite3_stmt* statement, long long lo, long long hi, std::vector<Row2>& out)
+{
+    sqlite3_bind_int64(statement, 1, lo);
+    sqlite3_bind_int64(statement, 2, hi);
+    Row2 row;
+    while (stepRow(statement, row))
+        out.push_back(row);
+    sqlite3_reset(statement);
+}
+
 void SqliteSeries::scan(long long lo, long long hi, std::vector<Row2>& out)
 {
-    sqlite3_bind_int64(scanStatement, 1, lo);
-    sqlite3_bind_int64(scanStatement, 2, hi);
-    Row2 row;
-    while (stepRow(scanStatement, row))
-        out.push_back(row);
-    sqlite3_reset(scanStatement);
+    collectRows(scanStatement, lo, hi, out);
 }
 
 void SqliteSeries::hourlyMeans(long long lo, long long hi, std::vector<Row2>& out)
 {
-    sqlite3_bind_int64(hourStatement, 1, lo);
-    sqlite3_bind_int64(hourStatement, 2, hi);
-    Row2 row;
-    while (stepRow(hourStatement, row))
-        out.push_back(row);
-    sqlite3_reset(hourStatement);
+    collectRows(hourStatement, lo, hi, out);
 }
 
 long long SqliteSeries::count(long long lo, long long hi)

@@ -43,6 +43,8 @@ private:
     void exec(const char* sql);
     sqlite3_stmt* prepare(const char* sql);
     bool stepRow(sqlite3_stmt* statement, Row2& row);
+    // Appends the rows a statement over [lo, hi] gives.
+    void collectRows(sqlite3_stmt* statement, long long lo, long long hi, std::vector<Row2>& out);
 
     sqlite3* db = nullptr;
     std::vector<sqlite3_stmt*> statements;

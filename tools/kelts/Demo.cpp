@@ -28,7 +28,6 @@ using Kel::Interpolate;
 using Kel::TSFileStorage;
 using Records = std::vector<Interpolate::DataRecord>;
 
-constexpr long long kDayMs = 86400000;
 // Monday 2024-05-06 00:00 UTC: a fixed week, so that every run prints the same.
 constexpr long long kDemoStart = 1714953600000LL;
 // Small enough that the week's files split into day files on the way.

@@ -2,6 +2,8 @@
 
 #include "DemoData.h"
 
+#include "TimeText.h"
+
 #include <algorithm>
 #include <cmath>
 #include <random>
@@ -10,7 +12,6 @@ namespace kelts {
 
 namespace {
 
-constexpr long long kSecondMs = 1000;
 constexpr long long kDaySeconds = 86400;
 constexpr double kRegisterWraps = 1000000.0;   // six digits of Wh
 constexpr double kPi = 3.14159265358979323846;
@@ -28,8 +29,7 @@ struct Clock {
 // of the sample. The sample lies after 1970, which began on a Thursday.
 Clock clockAt(long long ms)
 {
-    constexpr long long dayMs = kDaySeconds * kSecondMs;
-    return {int((ms / dayMs + 3) % 7) + 1, double(ms % dayMs) / 3600000.0};
+    return {int((ms / kDayMs + 3) % 7) + 1, double(ms % kDayMs) / double(kHourMs)};
 }
 
 // 0 outside working hours, 1 inside, with half-hour ramps at either end.

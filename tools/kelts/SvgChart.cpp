@@ -2,6 +2,8 @@
 
 #include "SvgChart.h"
 
+#include "TimeText.h"
+
 #include <QDateTime>
 
 #include <algorithm>
@@ -12,10 +14,6 @@ namespace kelts {
 
 namespace {
 
-constexpr long long kSecondMs = 1000;
-constexpr long long kMinuteMs = 60 * kSecondMs;
-constexpr long long kHourMs = 60 * kMinuteMs;
-constexpr long long kDayMs = 24 * kHourMs;
 // 1970-01-05, the first Monday: weekly ticks fall on Mondays.
 constexpr long long kFirstMondayMs = 4 * kDayMs;
 constexpr int kMostTimeTicks = 10;

@@ -7,15 +7,9 @@
 #include <QRegularExpression>
 #include <QTime>
 
-
 namespace kelts {
 
 namespace {
-
-constexpr long long kSecondMs = 1000;
-constexpr long long kMinuteMs = 60 * kSecondMs;
-constexpr long long kHourMs = 60 * kMinuteMs;
-constexpr long long kDayMs = 24 * kHourMs;
 
 struct CalendarWord {
     const char* word;

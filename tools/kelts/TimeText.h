@@ -8,6 +8,11 @@
 
 namespace kelts {
 
+constexpr long long kSecondMs = 1000;
+constexpr long long kMinuteMs = 60 * kSecondMs;
+constexpr long long kHourMs = 60 * kMinuteMs;
+constexpr long long kDayMs = 24 * kHourMs;
+
 // The instants the storage can place in its date tree: years 0 to 9999.
 constexpr long long kEarliestMs = -62167219200000LL;   // 0000-01-01T00:00:00.000Z
 constexpr long long kLatestMs = 253402300799999LL;     // 9999-12-31T23:59:59.999Z

@@ -254,13 +254,14 @@ qint64 RecordFile::probe(long long ts)
     return mid;
 }
 
-qint64 RecordFile::lowerBound(long long ts)
+template <typename Before>
+qint64 RecordFile::firstNotBefore(Before before)
 {
     qint64 lo = 0;
     qint64 hi = count();
     while (lo < hi) {
         const qint64 mid = (lo + hi) >> 1;
-        if (timestampAt(mid) < ts)
+        if (before(timestampAt(mid)))
             lo = mid + 1;
         else
             hi = mid;
@@ -268,18 +269,14 @@ qint64 RecordFile::lowerBound(long long ts)
     return lo;
 }
 
+qint64 RecordFile::lowerBound(long long ts)
+{
+    return firstNotBefore([ts](long long at) { return at < ts; });
+}
+
 qint64 RecordFile::upperBound(long long ts)
 {
-    qint64 lo = 0;
-    qint64 hi = count();
-    while (lo < hi) {
-        const qint64 mid = (lo + hi) >> 1;
-        if (timestampAt(mid) <= ts)
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
-    return lo;
+    return firstNotBefore([ts](long long at) { return at <= ts; });
 }
 
 bool RecordFile::readRaw(qint64 from, qint64 n, char* out)

@@ -128,6 +128,10 @@ public:
     bool dropTail();
 
 private:
+    // First index whose timestamp does not pass before() (count() when none).
+    template <typename Before>
+    qint64 firstNotBefore(Before before);
+
     bool openAsIs(QIODevice::OpenMode mode);
     bool readBytes(qint64 offset, char* out, qint64 n);
     // The block buffer, grown on use as large as that use needs, up to a
