@@ -13,6 +13,7 @@
 #include <cstring>
 #include <limits>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -130,6 +131,52 @@ TEST_F(Faults, SideFileDamageCostsOnlyTheValuesItHolds)
             EXPECT_FALSE(r.value.isValid());
         EXPECT_TRUE(failed.contains(QStringLiteral("Could not open '%1' for read (readCurrDataRecord)").arg(side)));
     }
+}
+
+// A side file that cannot be opened for append costs the values, not the
+// records: each is stored with position 0 and the failure is logged. Shown
+// with a directory in the side file's place, and in a child process out of
+// file descriptors once the storage file is open.
+TEST_F(Faults, SideFileThatCannotBeOpenedForWriteStoresTheRecordsWithPositionZero)
+{
+    const Records records = hourly(0, 2, QMetaType::QString);
+    const auto positions = [this] {
+        const QByteArray bytes = readBytes(yearFile());
+        const int stride = series->getStoredRecordLength(TSFileInfo::DEPTH_YEAR);
+        std::vector<quint32> at;
+        for (int i = 0; i + stride <= bytes.size(); i += stride)
+            at.push_back(qFromBigEndian<quint32>(bytes.constData() + i + 5));
+        return at;
+    };
+
+    useSeries(QMetaType::QString);
+    makeDir(yearFile() + QStringLiteral(".var"));
+    LogCapture log;
+    EXPECT_TRUE(write(records));
+    EXPECT_TRUE(log.contains(QStringLiteral("Could not open '%1.var' for write (writeDataRecord)").arg(yearFile())));
+    EXPECT_EQ(log.entries.back().level, 2);
+    EXPECT_EQ(positions(), (std::vector<quint32>{0, 0}));
+    EXPECT_EQ(timestamps(read()), timestamps(records));
+
+    QDir(tmp.path()).removeRecursively();
+    useSeries(QMetaType::QString);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        // Room for the storage file's descriptor and no more.
+        const int next = ::dup(0);
+        ::close(next);
+        const rlimit limit{rlim_t(next + 1), rlim_t(next + 1)};
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        LogCapture childLog;
+        const bool written = write(records);
+        ::_exit(written && childLog.contains(QStringLiteral("Could not open '%1.var' for write").arg(yearFile())) ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status)) << "the child crashed";
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(positions(), (std::vector<quint32>{0, 0}));
+    EXPECT_EQ(timestamps(read()), timestamps(records));
 }
 
 // A storage file that cannot be opened (a directory stands where the tree

@@ -13,6 +13,7 @@
 #include <QtEndian>
 
 #include <cstring>
+#include <unistd.h>
 
 namespace Kel {
 
@@ -239,8 +240,17 @@ VarFileWriter::~VarFileWriter()
 
 bool VarFileWriter::open()
 {
-    file = std::make_unique<QFile>(path);
-    if (!storage.openFile(*file, QIODevice::WriteOnly | QIODevice::Append)) {
+    auto opened = std::make_unique<QFile>(path);
+    // A directory or other non-file in the side file's place does not go
+    // away by waiting: it fails at once, as for reading. Positions are
+    // handed out from the file's end as the system reports it: a size that
+    // could not be learnt would point records at the values of others.
+    const QFileInfo existing(path);
+    const bool openable = !existing.exists() || existing.isFile();
+    off_t end = -1;
+    if (openable && storage.openFile(*opened, QIODevice::WriteOnly | QIODevice::Append))
+        end = ::lseek(opened->handle(), 0, SEEK_END);
+    if (end < 0) {
         storageLog(LOG_FAILURE, QStringLiteral("Could not open '%1' for write (writeDataRecord)"),
                    __LINE__)
             .arg(path)
@@ -248,7 +258,8 @@ bool VarFileWriter::open()
         failed = true;
         return false;
     }
-    buffer = std::make_unique<VarBuffer>(file->size());
+    buffer = std::make_unique<VarBuffer>(end);
+    file = std::move(opened);
     return true;
 }
 
@@ -261,10 +272,14 @@ qint32 VarFileWriter::append(const QVariant& value)
 
 bool VarFileWriter::flush()
 {
+    // A side file that could not be opened was logged, and its records are
+    // stored all the same, with position 0.
     if (!file)
-        return !failed;
+        return true;
     const QByteArray& pending = buffer->bytes();
-    const bool ok = pending.isEmpty() || file->write(pending) == pending.size();
+    // QFile buffers what it is given: only its flush tells whether the
+    // values reached the file.
+    const bool ok = pending.isEmpty() || (file->write(pending) == pending.size() && file->flush());
     file->close();
     diskStepDone();
     file.reset();
