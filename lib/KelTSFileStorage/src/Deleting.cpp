@@ -13,6 +13,7 @@
 #include "Logging.h"
 #include "MarkerStorage.h"
 #include "RecordFile.h"
+#include "TreeListing.h"
 
 #include <QDir>
 
@@ -62,12 +63,6 @@ void removeDirectoryAtOnce(const QString& dir)
     detail::diskStepDone();
 }
 
-// The names in a directory that lookups see: 2 or 4 characters, not hidden.
-QStringList treeNames(const QString& dir)
-{
-    static const QStringList filters{QStringLiteral("??"), QStringLiteral("????")};
-    return QDir(dir).entryList(filters, QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot);
-}
 
 // The directories that hold no file of the tree once the doomed files are
 // gone, up to (not including) the series' base directory; only the highest
@@ -86,8 +81,9 @@ QStringList directoriesEmptiedBy(const QStringList& doomed, const std::set<QStri
         candidates.erase(dir);
         if (dir.size() + 1 <= base.size() || emptied.count(dir))
             continue;
+        // A directory whose listing fails is not known to be empty.
         bool empty = true;
-        for (const QString& name : treeNames(dir))
+        for (const QString& name : detail::listTreeNames(dir, false, &empty))
             empty = empty && gone.count(dir + u'/' + name) > 0;
         if (!empty)
             continue;
@@ -111,12 +107,15 @@ bool insideAny(const QString& path, const QStringList& dirs)
     return false;
 }
 
+// A file that stays keeps its side file, which holds its values.
 void removeWithSideFile(const QString& path)
 {
-    if (!QFile::remove(path))
+    if (!QFile::remove(path)) {
         detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not remove '%1'"), __LINE__)
             .arg(path)
             .endl();
+        return;
+    }
     detail::diskStepDone();
     const QString var = path + QStringLiteral(".var");
     if (!QFileInfo::exists(var))
@@ -143,6 +142,10 @@ bool keepOutside(detail::RecordFile& file, long long start, long long end)
     const qint64 count = file.count();
     const qint64 first = file.lowerBound(start);
     const qint64 last = file.upperBound(end);
+    if (file.failed()) {
+        logReadFailure(file.path());
+        return true;  // the bounds were found by reads that failed
+    }
     if (first == 0 && last == count)
         return false;
     if (first == last)
@@ -167,7 +170,7 @@ bool keepOutside(detail::RecordFile& file, long long start, long long end)
     // only, as a reorganisation would leave it.
     std::vector<Record> records(size_t(count - (last - first)));
     if (file.readRecords(0, first, records.data()) != first ||
-        file.readRecords(last, count - last, records.data() + first) != count - last) {
+        file.readRecords(last, count - last, records.data() + first) != count - last || file.failed()) {
         logReadFailure(file.path());
         return true;
     }
@@ -234,6 +237,10 @@ try
             continue;
         }
         const long long lastTs = file.count() > 0 ? file.timestampAt(file.count() - 1) : base;
+        if (file.failed()) {
+            logReadFailure(info.filePath());
+            break;  // where the range ends in this file is not known
+        }
         if (lastTs <= end && base >= start) {
             file.close();
             removeWhole(info);

@@ -152,8 +152,12 @@ private:
     {
         if (!file)
             return true;
-        bool ok = !var || var->flush();
-        ok = writePending() && ok;
+        // Stored values must not be given up for position 0, as new ones
+        // may be when their side file will not open.
+        bool ok = !var || (var->flush() && !var->lostValues());
+        // QFile keeps small writes in its buffer: its flush tells whether
+        // they reached the file.
+        ok = writePending() && file->flush() && ok;
         file->close();
         detail::diskStepDone();
         file.reset();
@@ -212,7 +216,7 @@ try
         for (qint64 i = 0; ok && i < n; ++i, p += stride)
             ok = splitter.add(source.base() + (long long)detail::decodeOffset(p, offsetWidth), p + offsetWidth);
     }
-    ok = splitter.finish() && ok;
+    ok = splitter.finish() && ok && !source.failed();
     source.close();
 
     // Nothing is given up unless every record reached its new file.
@@ -246,7 +250,7 @@ try
     }
     // Records that cannot be read are not given up for a smaller side file.
     std::vector<Interpolate::DataRecord> records(size_t(source.count()));
-    if (source.readRecords(0, source.count(), records.data()) != source.count()) {
+    if (source.readRecords(0, source.count(), records.data()) != source.count() || source.failed()) {
         detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not read '%1' (reorgVarFile)"), __LINE__)
             .arg(path)
             .endl();

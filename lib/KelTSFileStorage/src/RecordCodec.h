@@ -182,9 +182,14 @@ public:
     // The value at a position; a position past the end or a corrupt value
     // gives an invalid QVariant and is logged.
     QVariant valueAt(qint32 position);
+    // Whether values could not be read because the system refused the side
+    // file (not because it is missing or damaged).
+    bool openFailedOnce() const { return openFailed; }
 
 private:
     QVariant unreadable(qint32 position, const char* why);
+    qint64 currentSize();
+    QVariant readAt(qint32 position);
 
     TSFileStorage& storage;
     QString path;
@@ -192,6 +197,7 @@ private:
     std::unique_ptr<QDataStream> stream;
     qint64 size = 0;  // as last asked; a writer may append meanwhile
     bool failed = false;
+    bool openFailed = false;
     bool reported = false;
 };
 
@@ -229,6 +235,8 @@ public:
 
     qint32 append(const QVariant& value) override;
     bool flush();
+    // Whether values were handed position 0 because the file would not open.
+    bool lostValues() const { return failed; }
 
 private:
     bool open();

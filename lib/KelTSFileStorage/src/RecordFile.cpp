@@ -4,6 +4,8 @@
 #include "RecordFile.h"
 
 #include "DiskSteps.h"
+#include "Logging.h"
+#include "PathKind.h"
 #include "TSFileStorage.h"
 
 #include <QFileInfo>
@@ -149,8 +151,13 @@ bool RecordFile::open(QIODevice::OpenMode mode)
 
 bool RecordFile::openToChange(QIODevice::OpenMode mode)
 {
-    if (recordLayout.variable)
-        recoverRewrite(fileInfo.filePath());
+    // A writer must not add to a pair whose replacement it cannot settle.
+    if (recordLayout.variable && !recoverRewrite(fileInfo.filePath())) {
+        storageLog(LOG_FAILURE, QStringLiteral("Could not settle the replacement of '%1'"), __LINE__)
+            .arg(fileInfo.filePath())
+            .endl();
+        return false;
+    }
     return openAsIs(mode);
 }
 
@@ -158,8 +165,29 @@ bool RecordFile::openAsIs(QIODevice::OpenMode mode)
 {
     if (!storage.openFile(file, mode))
         return false;
-    fileSize = file.size();
+    // The size decides where records go: one that the system cannot tell
+    // must not read as an empty file, over whose records a writer would
+    // append.
+    struct stat st;
+    if (::fstat(file.handle(), &st) != 0) {
+        noteFailure("fstat");
+        file.close();
+        return false;
+    }
+    fileSize = st.st_size;
     return true;
+}
+
+void RecordFile::noteFailure(const char* call)
+{
+    const int error = errno;
+    if (!ioFailed)
+        storageLog(LOG_FAILURE, QStringLiteral("Could not read or write '%1' (%2: %3)"), __LINE__)
+            .arg(path())
+            .arg(QString::fromLatin1(call))
+            .arg(QString::fromLocal8Bit(error ? std::strerror(error) : "end of file"))
+            .endl();
+    ioFailed = true;
 }
 
 void RecordFile::close()
@@ -172,11 +200,14 @@ bool RecordFile::readBytes(qint64 offset, char* out, qint64 n)
 {
     const int fd = file.handle();
     while (n > 0) {
+        errno = 0;
         const ssize_t got = ::pread(fd, out, size_t(n), offset);
         if (got < 0 && errno == EINTR)
             continue;
-        if (got <= 0)
+        if (got <= 0) {
+            noteFailure("pread");
             return false;
+        }
         out += got;
         offset += got;
         n -= got;
@@ -189,11 +220,14 @@ bool RecordFile::writeAt(qint64 byteOffset, const char* data, qint64 n)
     const int fd = file.handle();
     const qint64 end = byteOffset + n;
     while (n > 0) {
+        errno = 0;
         const ssize_t put = ::pwrite(fd, data, size_t(n), byteOffset);
         if (put < 0 && errno == EINTR)
             continue;
-        if (put <= 0)
+        if (put <= 0) {
+            noteFailure("pwrite");
             return false;
+        }
         data += put;
         byteOffset += put;
         n -= put;
@@ -541,26 +575,41 @@ bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const Q
         return false;
     }
     // A reader that met the pair half renamed may have finished the rename.
-    return renameOver(tempVar, sideFileOf(path)) || !QFileInfo::exists(tempVar);
+    return renameOver(tempVar, sideFileOf(path)) || pathKind(tempVar) == PathKind::Missing;
 }
 
-void recoverRewrite(const QString& path)
+// Which step a replacement stopped at is told by the names that stand; where
+// the system cannot tell whether one stands, nothing is undone or finished.
+bool recoverRewrite(const QString& path)
 {
     const QString temp = rewritePath(path);
     const QString tempVar = sideFileOf(temp);
-    if (QFileInfo::exists(temp)) {
+    switch (pathKind(temp)) {
+    case PathKind::Missing:
+        return finishRewrite(path);
+    case PathKind::Unknown:
+        return false;
+    default:
         QFile::remove(temp);
         QFile::remove(tempVar);
-    } else {
-        finishRewrite(path);
+        return pathKind(temp) == PathKind::Missing;
     }
 }
 
-void finishRewrite(const QString& path)
+bool finishRewrite(const QString& path)
 {
+    const PathKind temp = pathKind(rewritePath(path));
+    if (temp != PathKind::Missing)
+        return temp != PathKind::Unknown;  // not begun: the writer's to finish or undo
     const QString tempVar = sideFileOf(rewritePath(path));
-    if (!QFileInfo::exists(rewritePath(path)) && QFileInfo::exists(tempVar))
-        renameOver(tempVar, sideFileOf(path));
+    switch (pathKind(tempVar)) {
+    case PathKind::Missing:
+        return true;
+    case PathKind::Unknown:
+        return false;
+    default:
+        return renameOver(tempVar, sideFileOf(path));
+    }
 }
 
 } // namespace Kel::detail

@@ -84,6 +84,10 @@ public:
     QString varPath() const { return fileInfo.filePath() + QStringLiteral(".var"); }
 
     qint64 size() const { return fileSize; }
+    // Whether a read or write of the file or of its side file failed since
+    // it was opened (logged): what was read since may be wrong, and a
+    // writer must not act on it.
+    bool failed() const { return ioFailed || (var && var->openFailedOnce()); }
     // Whole records in the file.
     qint64 count() const { return fileSize / recordLayout.stride; }
     // Bytes of a partial record at the end.
@@ -133,6 +137,7 @@ private:
     qint64 firstNotBefore(Before before);
 
     bool openAsIs(QIODevice::OpenMode mode);
+    void noteFailure(const char* call);
     bool readBytes(qint64 offset, char* out, qint64 n);
     // The block buffer, grown on use as large as that use needs, up to a
     // block; sets bufferRecords to the records it holds.
@@ -152,13 +157,16 @@ private:
     BlockBuffer ownBlocks;
     BlockBuffer* blocks;
     qint64 bufferRecords = 0;
+    bool ioFailed = false;
 };
 
 // Opens for reading the storage file that lookup() names. The writer may
 // split that file between the lookup and the open, leaving a directory that
 // holds its records at its path: the lookup is then made again, at most once
-// per level of the tree. Returns the info of the file it tried last (not
-// found() when there is none); file holds it, open when it could be opened.
+// per level of the tree. Returns the info of the file it tried last; file
+// holds it, open when it could be opened. When there is none, both are empty:
+// an info whose stat failed once may find the file when asked again, and
+// must not send the caller to a file that was never set up.
 template <typename Lookup>
 TSFileInfo openLookedUp(std::optional<RecordFile>& file, TSFileStorage& storage, BlockBuffer* blocks,
                         Lookup lookup)
@@ -166,8 +174,10 @@ TSFileInfo openLookedUp(std::optional<RecordFile>& file, TSFileStorage& storage,
     TSFileInfo info;
     for (int level = TSFileInfo::DEPTH_YEAR; level <= TSFileInfo::DEPTH_MINUTE; ++level) {
         info = lookup();
-        if (!info.found())
-            break;
+        if (!info.found()) {
+            file.reset();
+            return TSFileInfo();
+        }
         file.emplace(storage, info, blocks);
         if (file->open(QIODevice::ReadOnly) || !QFileInfo(info.filePath()).isDir())
             break;
@@ -228,8 +238,10 @@ bool replaceFile(const QString& path, const char* data, qint64 size);
 // the side file after it. recoverRewrite() undoes a replacement stopped before
 // the first rename and completes one stopped after it, so that the pair always
 // comes back as either the old or the new one. finishRewrite() only completes.
+// Both answer whether the pair is settled (false, logged, when the system
+// could not tell which step the replacement stopped at).
 bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const QByteArray& varData);
-void recoverRewrite(const QString& path);
-void finishRewrite(const QString& path);
+bool recoverRewrite(const QString& path);
+bool finishRewrite(const QString& path);
 
 } // namespace Kel::detail

@@ -6,6 +6,7 @@
 
 #include "DiskSteps.h"
 #include "Logging.h"
+#include "PathKind.h"
 #include "RecordCodec.h"
 
 #include <QBuffer>
@@ -13,6 +14,7 @@
 #include <QtEndian>
 
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Kel {
@@ -175,7 +177,11 @@ QVariant VarFileReader::valueAt(qint32 position)
         // A side file that is missing (or is no file) does not turn up by
         // waiting: it fails at once instead of after the retries of a file
         // that another process holds, which would stall every read of it.
-        if (!QFileInfo(path).isFile() || !storage.openFile(*file, QIODevice::ReadOnly)) {
+        const PathKind kind = pathKind(path);
+        if (kind != PathKind::File || !storage.openFile(*file, QIODevice::ReadOnly)) {
+            // A side file that is missing or is no file stays so; one that
+            // the system would not look up or open may be there.
+            openFailed = kind == PathKind::File || kind == PathKind::Unknown;
             storageLog(LOG_FAILURE, QStringLiteral("Could not open '%1' for read (readCurrDataRecord)"),
                        __LINE__)
                 .arg(path)
@@ -185,22 +191,49 @@ QVariant VarFileReader::valueAt(qint32 position)
         }
         stream = std::make_unique<QDataStream>(file.get());
         stream->setVersion(QDataStream::Qt_5_13);
-        size = file->size();
+        size = currentSize();
     }
     // Values are mostly read in the order they were written: the file is
     // asked for its size again only for a position beyond the last known
     // size, and moved only when it is not already at the position.
     if (position >= size)
-        size = file->size();
+        size = currentSize();
+    if (openFailed)
+        return unreadable(position, "could not be read");
     if (position < 0 || position >= size)
         return unreadable(position, "lies past the end of the file");
-    if (file->pos() != position && !file->seek(position))
-        return unreadable(position, "lies past the end of the file");
+    QVariant value = readAt(position);
+    if (stream->status() == QDataStream::Ok)
+        return value;
+    // The stream does not tell a read that the system refused from damaged
+    // data: a byte read directly tells, and a refusal that has passed is
+    // followed by one more try.
+    char probe;
+    if (::pread(file->handle(), &probe, 1, position) != 1) {
+        openFailed = true;
+        return unreadable(position, "could not be read");
+    }
+    value = readAt(position);
+    return stream->status() == QDataStream::Ok ? value : unreadable(position, "is corrupt");
+}
+
+QVariant VarFileReader::readAt(qint32 position)
+{
     stream->resetStatus();
-    QVariant value = readVariant(*stream);
-    if (stream->status() != QDataStream::Ok)
-        return unreadable(position, "is corrupt");
-    return value;
+    if (file->pos() != position && !file->seek(position)) {
+        stream->setStatus(QDataStream::ReadPastEnd);
+        return QVariant();
+    }
+    return readVariant(*stream);
+}
+
+qint64 VarFileReader::currentSize()
+{
+    struct stat st;
+    if (::fstat(file->handle(), &st) == 0)
+        return st.st_size;
+    openFailed = true;
+    return 0;
 }
 
 QVariant VarFileReader::unreadable(qint32 position, const char* why)
@@ -245,8 +278,8 @@ bool VarFileWriter::open()
     // away by waiting: it fails at once, as for reading. Positions are
     // handed out from the file's end as the system reports it: a size that
     // could not be learnt would point records at the values of others.
-    const QFileInfo existing(path);
-    const bool openable = !existing.exists() || existing.isFile();
+    const PathKind kind = pathKind(path);
+    const bool openable = kind != PathKind::Directory && kind != PathKind::Other;
     off_t end = -1;
     if (openable && storage.openFile(*opened, QIODevice::WriteOnly | QIODevice::Append))
         end = ::lseek(opened->handle(), 0, SEEK_END);

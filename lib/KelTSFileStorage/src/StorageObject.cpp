@@ -5,6 +5,7 @@
 #include "TSFileStorage.h"
 
 #include "Logging.h"
+#include "PathKind.h"
 #include "RecordCodec.h"
 
 #include <QThread>
@@ -91,7 +92,7 @@ void TSFileStorage::checkValidInterval(long long& interval, QString marker)
 TSFileStorage* TSFileStorage::getReadFilestorageForMarker(QString marker)
 {
     if (marker.isEmpty())
-        return QDir(baseDir).exists() ? this : nullptr;
+        return detail::isDirectoryPath(baseDir) ? this : nullptr;
 
     QMetaType::Type companionType;
     if (marker == QLatin1String("P"))
@@ -102,7 +103,7 @@ TSFileStorage* TSFileStorage::getReadFilestorageForMarker(QString marker)
         return nullptr;
 
     const QString companionDir = baseDir.chopped(1) + marker + u'/';
-    if (!QDir(companionDir).exists())
+    if (!detail::isDirectoryPath(companionDir))
         return nullptr;
     return new TSFileStorage(companionDir, companionType, maxFileSize);
 }

@@ -5,11 +5,16 @@
 #include "TSDirControl.h"
 
 #include "Calendar.h"
+#include "Logging.h"
+#include "PathKind.h"
+#include "TreeListing.h"
 
 #include <QDir>
 #include <QFile>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <functional>
 
 #include <dirent.h>
@@ -35,18 +40,66 @@ bool isFileOrDir(int dirFd, const dirent* entry)
     return ::fstatat(dirFd, entry->d_name, &st, 0) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
 }
 
-// The entries of a level in name order (reversed when backward). Level names
-// are 2 or 4 characters long; everything else (side files, temporary files)
-// and hidden entries stay out of every listing. The directory is read
-// directly: a QDir listing builds a file info for every entry, and its name
-// filters match a pattern against each, at several times the cost.
-QStringList listNames(const QString& dirPath, bool backward)
+// The kind of a tree entry as its file info tells it: the info keeps what it
+// saw, so that the lookup's caller finds the same kind however the tree
+// changes meanwhile. An entry that the system would not look up is asked
+// for once more directly, which logs the refusal.
+bool isDirectoryEntry(const QFileInfo& entry)
+{
+    if (entry.isDir() || entry.isFile())
+        return entry.isDir();
+    return detail::isDirectoryPath(entry.filePath());
+}
+
+bool isFileEntry(const QFileInfo& entry)
+{
+    if (entry.isDir() || entry.isFile())
+        return entry.isFile();
+    return detail::isFilePath(entry.filePath());
+}
+
+// A listing that the system breaks off reads as the names found so far;
+// the log says so.
+void logListingFailure(const QString& dirPath, int error)
+{
+    detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not list '%1': %2"), __LINE__)
+        .arg(dirPath)
+        .arg(QString::fromLocal8Bit(std::strerror(error)))
+        .endl();
+}
+
+} // namespace
+
+namespace detail {
+
+// The directory is read directly: a QDir listing builds a file info for
+// every entry, and its name filters match a pattern against each, at several
+// times the cost.
+QStringList listTreeNames(const QString& dirPath, bool backward, bool* complete)
 {
     QStringList names;
+    if (complete)
+        *complete = true;
     DIR* dir = ::opendir(QFile::encodeName(dirPath).constData());
-    if (!dir)
+    if (!dir) {
+        if (errno != ENOENT && errno != ENOTDIR) {
+            logListingFailure(dirPath, errno);
+            if (complete)
+                *complete = false;
+        }
         return names;
-    while (const dirent* entry = ::readdir(dir)) {
+    }
+    for (;;) {
+        errno = 0;
+        const dirent* entry = ::readdir(dir);
+        if (!entry) {
+            if (errno != 0) {
+                logListingFailure(dirPath, errno);
+                if (complete)
+                    *complete = false;
+            }
+            break;
+        }
         if (entry->d_name[0] == '.')
             continue;
         const QString name = QFile::decodeName(entry->d_name);
@@ -61,6 +114,15 @@ QStringList listNames(const QString& dirPath, bool backward)
     return names;
 }
 
+} // namespace detail
+
+namespace {
+
+QStringList listNames(const QString& dirPath, bool backward)
+{
+    return detail::listTreeNames(dirPath, backward);
+}
+
 } // namespace
 
 TSFileInfo TSDirControl::findFile(long long timestampMs)
@@ -72,7 +134,7 @@ TSFileInfo TSDirControl::findFile(long long timestampMs)
     for (int depth = TSFileInfo::DEPTH_YEAR; depth <= TSFileInfo::DEPTH_MINUTE; ++depth) {
         const QString name = getFileNameForDepth(date, TSFileInfo::DirDepth(depth));
         const QFileInfo candidate(baseDir + relDir + name);
-        if (!candidate.exists() || candidate.isFile())
+        if (!isDirectoryEntry(candidate))
             return TSFileInfo(candidate, relDir);
         relDir += name + u'/';
     }
@@ -84,7 +146,7 @@ TSFileInfo TSDirControl::findFile(long long timestampMs)
 TSFileInfo TSDirControl::findFirstLastFile(bool first)
 {
     QDir dir(baseDir);
-    if (!dir.exists())
+    if (!isDirectoryEntry(QFileInfo(baseDir)))
         return TSFileInfo();
     QString relDir;
     for (int level = 0; level < kMaxLevels; ++level) {
@@ -94,7 +156,7 @@ TSFileInfo TSDirControl::findFirstLastFile(bool first)
         if (names.isEmpty())
             return TSFileInfo();
         const QFileInfo entry(dir.path() + u'/' + names.first());
-        if (entry.isFile())
+        if (isFileEntry(entry))
             return TSFileInfo(entry, relDir);
         relDir += names.first() + u'/';
         dir.setPath(entry.filePath());
@@ -139,8 +201,9 @@ TSFileInfo TSDirControl::findPrevNextFile(TSFileInfo file, bool prev)
         if (candidate < names.size()) {
             QString entryName = names[candidate];
             QString entryPath = dir.path() + u'/' + entryName;
-            if (!QFileInfo(entryPath).isDir())
-                return TSFileInfo(QFileInfo(entryPath), relDir);
+            const QFileInfo entry(entryPath);
+            if (!isDirectoryEntry(entry))
+                return TSFileInfo(entry, relDir);
             // Descend to the earliest file of the next period (or the latest
             // of the previous one); an empty directory on the way means none.
             QString entryRelDir = relDir;
@@ -153,7 +216,7 @@ TSFileInfo TSDirControl::findPrevNextFile(TSFileInfo file, bool prev)
                 entryName = subNames.first();
                 entryPath = sub.path() + u'/' + entryName;
                 const QFileInfo entry(entryPath);
-                if (entry.isFile())
+                if (isFileEntry(entry))
                     return TSFileInfo(entry, entryRelDir);
             }
             return TSFileInfo();

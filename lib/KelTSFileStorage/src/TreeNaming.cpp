@@ -6,6 +6,7 @@
 
 #include "Calendar.h"
 #include "Logging.h"
+#include "PathKind.h"
 
 #include <Poco/Exception.h>
 
@@ -68,7 +69,11 @@ TSFileInfo::~TSFileInfo() = default;
 
 bool TSFileInfo::found() const
 {
-    return exists() && isFile();
+    if (exists() && isFile())
+        return true;
+    // The file info does not tell an absent file from one that the system
+    // would not look up: asked again directly, the second is logged.
+    return !filePath().isEmpty() && detail::isFilePath(filePath());
 }
 
 QString TSFileInfo::getSubDir() const

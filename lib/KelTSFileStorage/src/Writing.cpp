@@ -142,9 +142,12 @@ public:
     {
         if (!open())
             return false;
-        const bool append = isNew || appendOnly || file.count() == 0 ||
+        // What the file holds decides, not what the lookup said: a lookup
+        // that failed names an existing file as new, and records appended
+        // there out of order would be lost to every search.
+        const bool append = appendOnly || file.count() == 0 ||
                             file.timestampAt(file.count() - 1) < first->timestamp;
-        const bool written = append ? appendAll(first, last) : merge(first, last);
+        const bool written = !file.failed() && (append ? appendAll(first, last) : merge(first, last));
         file.close();
         if (!written)
             detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not write '%1' (writeDataRecords)"),
@@ -378,6 +381,8 @@ private:
 
     bool patchInPlace(const std::vector<Placement>& places)
     {
+        if (file.failed())
+            return false;  // the places were found by reads that failed
         const int stride = file.layout().stride;
         QByteArray patches;              // changed stored records, then new ones at the end
         std::vector<qint64> patchIndex;  // where each changed stored record goes
@@ -399,14 +404,16 @@ private:
                 applyRun(p.run, p.runEnd, slot);
             }
         }
-        bool ok = finishVar();
-        for (size_t i = 0; i < patchIndex.size(); ++i)
+        bool ok = !file.failed() && finishVar();
+        for (size_t i = 0; i < patchIndex.size() && ok; ++i)
             ok = file.writeAt(patchIndex[i] * stride, patches.constData() + qsizetype(i) * stride, stride) && ok;
-        return file.writeAt(file.count() * stride, tail.constData(), tail.size()) && ok;
+        return ok && file.writeAt(file.count() * stride, tail.constData(), tail.size());
     }
 
     bool rewrite(const std::vector<Placement>& places)
     {
+        if (file.failed())
+            return false;  // the places were found by reads that failed
         const int stride = file.layout().stride;
         const qint64 count = file.count();
         if (!isLoaded && !loadStored())
@@ -433,7 +440,7 @@ private:
             placed += stride;
         }
         add(loadedRecord(copied), (count - copied) * stride);
-        return finishVar() && detail::replaceFile(file.path(), pieces, &buffers.spare);
+        return !file.failed() && finishVar() && detail::replaceFile(file.path(), pieces, &buffers.spare);
     }
 
     // Values reach the side file before the records that refer to them.
