@@ -3,6 +3,7 @@
 
 BUILD     ?= build
 ASAN      ?= build-asan
+TSAN      ?= build-tsan
 RELEASE   ?= build-release
 FUZZBUILD ?= build-fuzz
 PREFIX    ?= /usr/local
@@ -13,7 +14,7 @@ BASE_PACKAGES  = cmake make g++ pkg-config qt6-base-dev libpoco-dev libgtest-dev
 BENCH_PACKAGES = libbenchmark-dev libsqlite3-dev
 FUZZ_PACKAGES  = clang libclang-rt-14-dev
 
-.PHONY: all deps build test test-sanitize demo bench fuzz install clean
+.PHONY: all deps build test test-sanitize test-tsan demo bench fuzz install clean
 
 all: build
 
@@ -34,6 +35,15 @@ test-sanitize: deps
 	cmake --build $(ASAN) -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN) --output-on-failure -j $(JOBS) -E Packaging
+
+# The reader and writer threads test built with ThreadSanitizer, the library
+# too; any report fails the run. Only the test program is built, and only
+# the threads tests run: the others start no thread.
+test-tsan: deps
+	cmake -S . -B $(TSAN) -DCMAKE_BUILD_TYPE=Debug -DKELTS_TSAN=ON -DKELTS_BUILD_TOOLS=OFF $(CMAKE_ARGS)
+	cmake --build $(TSAN) -j $(JOBS) --target kelts_tests
+	TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/tests/tsan.supp" \
+	  ctest --test-dir $(TSAN) --output-on-failure -R '^Threads\.'
 
 # Only the tool is built: seeing it work needs none of the tests.
 demo: deps
@@ -58,4 +68,4 @@ install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) $(ASAN) $(RELEASE) $(FUZZBUILD)
+	rm -rf $(BUILD) $(ASAN) $(TSAN) $(RELEASE) $(FUZZBUILD)
