@@ -4,13 +4,19 @@
 // of what the series must hold: the whole series read raw, its count, its
 // first and last record, a sub-range and single finds. A reader also reads
 // the series between two disk steps of the operation, as another process
-// might, and must find each record as it was before or after it.
+// might, and must find each record as it was before or after it. A step may
+// also have one file-system call fail (its number and the error fuzzed): the
+// records it leaves alone must then be read as they were, and the step run
+// again must complete it.
 
 #include "DiskSteps.h"
 #include "FuzzSupport.h"
+#include "SyscallFaults.h"
 
 #include <algorithm>
+#include <functional>
 #include <map>
+#include <optional>
 
 using namespace Kel;
 using Record = Interpolate::DataRecord;
@@ -155,6 +161,40 @@ void readBetweenSteps()
         fuzz::fail("a reader between steps missed a record of both states");
 }
 
+// The failing call of a step, when it has one.
+std::optional<test::faults::Plan> pickFault(FuzzedDataProvider& in)
+{
+    using test::faults::Fault;
+    static const Fault kFaults[] = {Fault::Eio, Fault::Enospc, Fault::Eacces, Fault::Emfile, Fault::ShortWrite};
+    if (in.ConsumeIntegralInRange(0, 3) != 0)
+        return std::nullopt;
+    test::faults::Plan plan;
+    plan.fault = in.PickValueInArray(kFaults);
+    plan.failAt = in.ConsumeIntegralInRange(1, 400);
+    plan.persistent = in.ConsumeIntegralInRange(0, 3) == 0;
+    return plan;
+}
+
+// After a step with a failing call: the records that the step leaves alone
+// read as they were.
+void checkUntouched(const QString& dir, QMetaType::Type type, const Model& before, const Model& after)
+{
+    TSFileStorage reader(dir, type, 1 << 30);
+    std::vector<Record> got;
+    int noLimit = 0;
+    reader.readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, got, false,
+                           noLimit);
+    Model read;
+    for (const Record& r : got)
+        read.emplace(r.timestamp, r.value);
+    for (const auto& [ts, value] : before) {
+        const QVariant* a = valueIn(after, ts);
+        const QVariant* r = valueIn(read, ts);
+        if (a && *a == value && !(r && *r == value))
+            fuzz::fail("a failing call cost a record that the step left alone");
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
@@ -175,16 +215,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     Model next;
     stepReader = {dir, type, &model, &next, 0};
     for (int step = 0; step < 12 && in.remaining_bytes() > 0; ++step) {
-        stepReader.stepsLeft = in.ConsumeIntegralInRange(0, 30);
+        const std::optional<test::faults::Plan> fault = pickFault(in);
+        // A reader between steps would meet the failing calls too.
+        stepReader.stepsLeft = fault ? 0 : in.ConsumeIntegralInRange(0, 30);
         detail::diskStepListener = stepReader.stepsLeft > 0 ? readBetweenSteps : nullptr;
         next = model;
+        std::function<void(bool)> run;  // the step; its argument: a call may fail
         if (in.ConsumeIntegralInRange(0, 4) == 0) {
             const long long a = pickTime(in);
             const long long b = pickTime(in);
             const long long lo = std::min(a, b);
             const long long hi = std::max(a, b);
             next.erase(next.lower_bound(lo), next.upper_bound(hi));
-            series.deleteDataRecords(lo, hi);
+            run = [&series, lo, hi](bool) { series.deleteDataRecords(lo, hi); };
         } else {
             std::vector<Record> batch;
             const int n = in.ConsumeIntegralInRange(1, 60);
@@ -199,9 +242,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             std::vector<Record> placed = batch;
             placed.erase(std::remove_if(placed.begin(), placed.end(), unplaceable), placed.end());
             applyBatch(next, std::move(placed));
-            if (series.writeDataRecords(batch, in.ConsumeBool(), in.ConsumeBool()) == refused)
-                fuzz::fail(refused ? "unplaceable record accepted" : "write refused");
+            const bool backfill = in.ConsumeBool();
+            const bool overwritten = in.ConsumeBool();
+            run = [&series, batch, refused, backfill, overwritten](bool underFault) {
+                const bool written = series.writeDataRecords(batch, backfill, overwritten);
+                if (written == refused && !(underFault && test::faults::fired()))
+                    fuzz::fail(refused ? "unplaceable record accepted" : "write refused");
+            };
         }
+        if (fault) {
+            {
+                test::faults::Armed armed(*fault);
+                run(true);
+            }
+            checkUntouched(dir, type, model, next);
+        }
+        run(false);
         detail::diskStepListener = nullptr;
         model = next;
         check(series, model, in);
