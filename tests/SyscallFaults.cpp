@@ -35,7 +35,7 @@ namespace {
     X(write) X(pwrite) X(pwrite64) X(writev) X(lseek) X(lseek64) X(fstat) X(fstat64) X(stat)        \
     X(stat64) X(lstat) X(lstat64) X(fstatat) X(fstatat64) X(statx) X(access) X(faccessat) X(rename) \
     X(renameat) X(renameat2) X(unlink) X(unlinkat) X(remove) X(mkdir) X(mkdirat) X(rmdir)          \
-    X(ftruncate) X(ftruncate64) X(opendir) X(fdopendir) X(readdir) X(readdir64) X(mmap) X(mmap64)  \
+    X(ftruncate) X(ftruncate64) X(link) X(linkat) X(opendir) X(fdopendir) X(readdir) X(readdir64) X(mmap) X(mmap64)  \
     X(fcntl) X(fcntl64)
 
 enum Call {
@@ -434,6 +434,18 @@ int rmdir(const char* path) noexcept
 {
     KELTS_NEXT(rmdir);
     return fails(call_rmdir) ? -1 : real(path);
+}
+
+int link(const char* from, const char* to) noexcept
+{
+    KELTS_NEXT(link);
+    return fails(call_link) ? -1 : real(from, to);
+}
+
+int linkat(int fromDir, const char* from, int toDir, const char* to, int flags) noexcept
+{
+    KELTS_NEXT(linkat);
+    return fails(call_linkat) ? -1 : real(fromDir, from, toDir, to, flags);
 }
 
 int ftruncate(int fd, off_t length) noexcept

@@ -137,10 +137,8 @@ bool RecordFile::open(QIODevice::OpenMode mode)
 {
     if (recordLayout.variable)
         finishRewrite(fileInfo.filePath());
-    if (file.open(mode)) {
-        fileSize = file.size();
-        return true;
-    }
+    if (file.open(mode))
+        return learnSize();
     // A directory at the path is a split that the writer swapped in since
     // the lookup; waiting will not make it a file again. Anything else may
     // be a file that another process holds for a moment.
@@ -163,11 +161,14 @@ bool RecordFile::openToChange(QIODevice::OpenMode mode)
 
 bool RecordFile::openAsIs(QIODevice::OpenMode mode)
 {
-    if (!storage.openFile(file, mode))
-        return false;
-    // The size decides where records go: one that the system cannot tell
-    // must not read as an empty file, over whose records a writer would
-    // append.
+    return storage.openFile(file, mode) && learnSize();
+}
+
+// The size decides which records there are and where new ones go: one that
+// the system cannot tell must not read as an empty file, over whose records
+// a writer would append.
+bool RecordFile::learnSize()
+{
     struct stat st;
     if (::fstat(file.handle(), &st) != 0) {
         noteFailure("fstat");

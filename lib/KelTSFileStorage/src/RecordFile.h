@@ -137,6 +137,7 @@ private:
     qint64 firstNotBefore(Before before);
 
     bool openAsIs(QIODevice::OpenMode mode);
+    bool learnSize();
     void noteFailure(const char* call);
     bool readBytes(qint64 offset, char* out, qint64 n);
     // The block buffer, grown on use as large as that use needs, up to a
