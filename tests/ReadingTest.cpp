@@ -54,6 +54,16 @@ TEST_F(Reading, EveryRangeReadsAndCountsExactlyItsRecordsAndALimitStopsTheRead)
     series->readDataRecords({}, {}, TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD, out, false, limit);
     EXPECT_EQ(out.size(), 5u);
     EXPECT_EQ(limit, 5);
+
+    // The companions' reads go on with the same counter: the "P" read takes
+    // 5 as its limit, finds 2 back-filled records, and leaves the count at 0.
+    ASSERT_TRUE(write({{t0 + 30000, -1.0}, {t0 + 90000, -2.0}}, true));
+    Records all, backfilled;
+    int shared = 5;
+    series->readDataRecords({}, {}, 0, ms("2100-01-01T00:00:00Z"), all, false, shared, &backfilled);
+    EXPECT_EQ(all.size(), 5u);
+    EXPECT_EQ(backfilled.size(), 2u);
+    EXPECT_EQ(shared, 0);
 }
 
 TEST_F(Reading, MissingFilesAreSkippedAndTheWalkGoesOn)

@@ -242,6 +242,8 @@ TEST_F(Writing, BackfilledTimestampsAreLoggedInTheCompanionP)
     EXPECT_EQ(second.value.toLongLong(), t0 + 10000);
 }
 
+// Each overwrite adds its entry in turn: a record overwritten twice in one
+// batch (2.0 by 20.0, then 20.0 by 30.0) keeps what the second replaced.
 TEST_F(Writing, ReplacedValuesAreKeptInTheCompanionO)
 {
     write({{t0, 1.0}, {t0 + 1000, 2.0}});
@@ -253,6 +255,30 @@ TEST_F(Writing, ReplacedValuesAreKeptInTheCompanionO)
     ASSERT_EQ(oMap.size(), 1u);
     const QVariantMap replaced = oMap.begin()->second.toMap();
     EXPECT_EQ(replaced.value(QString::number(t0)).toDouble(), 1.0);
-    EXPECT_EQ(replaced.value(QString::number(t0 + 1000)).toDouble(), 2.0);
+    EXPECT_EQ(replaced.value(QString::number(t0 + 1000)).toDouble(), 20.0);
     EXPECT_EQ(read()[1].value.toDouble(), 30.0);
+}
+
+namespace {
+struct Opaque {
+    int x = 0;
+};
+} // namespace
+Q_DECLARE_METATYPE(Opaque)
+
+// A value Qt cannot serialise goes to the side file as the stream writes it,
+// with no line of the storage's own; it reads back as no value, and the
+// values after it in the batch are stored as usual.
+TEST_F(Writing, ValueThatQtCannotSerialiseIsWrittenAsTheStreamWritesIt)
+{
+    useSeries(QMetaType::QString);
+    LogCapture log;
+    ASSERT_TRUE(write({{t0, QStringLiteral("a")}, {t0 + 1000, QVariant::fromValue(Opaque{7})},
+                       {t0 + 2000, QStringLiteral("c")}}));
+    EXPECT_EQ(log.entries.size(), 0u);
+    const Records back = read();
+    ASSERT_EQ(timestamps(back), (std::vector<long long>{t0, t0 + 1000, t0 + 2000}));
+    EXPECT_EQ(back[0].value, QVariant(QStringLiteral("a")));
+    EXPECT_FALSE(back[1].value.isValid());
+    EXPECT_EQ(back[2].value, QVariant(QStringLiteral("c")));
 }

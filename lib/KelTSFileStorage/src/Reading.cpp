@@ -255,19 +255,18 @@ bool TSFileStorage::readDataRecords(Interpolate::InterpolateParam param,
     if (!readDataRecordsInt(param, params, start, end, out, labelAtIntervalStart, resultCount,
                             QString(), false))
         return false;
-    // The companions are read with the same request; the caller's count
-    // stays that of the series' own read.
+    // The companions are read with the same request and the same result
+    // counter: each takes the count the read before it left as its limit,
+    // and the caller's count ends as the last of them leaves it.
     if (pRecords) {
-        int count = resultCount;
-        readDataRecordsInt(param, params, start, end, *pRecords, labelAtIntervalStart, count,
+        readDataRecordsInt(param, params, start, end, *pRecords, labelAtIntervalStart, resultCount,
                            QStringLiteral("P"), false);
         std::stable_sort(pRecords->begin(), pRecords->end(),
                          [](const Record& a, const Record& b) { return a.timestamp < b.timestamp; });
     }
     if (oMap) {
-        int count = resultCount;
         std::vector<Record> replaced;
-        readDataRecordsInt(param, params, start, end, replaced, labelAtIntervalStart, count,
+        readDataRecordsInt(param, params, start, end, replaced, labelAtIntervalStart, resultCount,
                            QStringLiteral("O"), false);
         for (Record& r : replaced)
             (*oMap)[r.timestamp] = std::move(r.value);

@@ -146,19 +146,16 @@ QVariant readVariant(QDataStream& stream)
     return stream.status() == QDataStream::Ok ? value : QVariant();
 }
 
+// A value of a type that Qt cannot serialise is written as the stream
+// writes it (its type and no data, with Qt's own warning); it reads back as
+// no value. The stream then refuses every later write; each value has a
+// stream of its own in the format, so the values after it are written.
 void writeVariant(QDataStream& stream, const QVariant& value)
 {
-    // A type that Qt cannot serialise is stored as no value rather than
-    // leaving a record that points at nothing.
-    if (value.isValid() && !value.metaType().hasRegisteredDataStreamOperators()) {
-        storageLog(LOG_WARNING, QStringLiteral("A value of type %1 cannot be stored, kept as no value"),
-                   __LINE__)
-            .arg(QString::fromLatin1(value.metaType().name()))
-            .endl();
-        stream << QVariant();
-        return;
-    }
+    const bool wasOk = stream.status() == QDataStream::Ok;
     stream << value;
+    if (wasOk && value.isValid() && !value.metaType().hasRegisteredDataStreamOperators())
+        stream.resetStatus();
 }
 
 VarFileReader::VarFileReader(TSFileStorage& storage, QString varPath)

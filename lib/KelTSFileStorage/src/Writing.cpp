@@ -80,7 +80,8 @@ void logBackfill(TSFileStorage& series, const std::vector<long long>& backfilled
 
 // Keeps replaced values in "O": one record per write time (ms), holding a map
 // from the decimal timestamp of each overwritten record to the value it held
-// before. A record overwritten twice keeps its earliest value.
+// before. Each overwrite adds its entry in turn: a record overwritten twice
+// in one batch keeps the value that the second overwrite replaced.
 void logOverwritten(TSFileStorage& series, const std::vector<Record>& overwritten)
 {
     TSFileStorage log(companionDir(series, "O"), QMetaType::QVariant, series.maxFileSize);
@@ -89,11 +90,8 @@ void logOverwritten(TSFileStorage& series, const std::vector<Record>& overwritte
     int noLimit = 0;
     log.readDataRecords(Interpolate::InterpolateParam(), {}, now, now, existing, false, noLimit);
     QVariantMap replaced = existing.empty() ? QVariantMap() : existing.front().value.toMap();
-    for (const Record& r : overwritten) {
-        const QString key = QString::number(r.timestamp, 10);
-        if (!replaced.contains(key))
-            replaced.insert(key, r.value);
-    }
+    for (const Record& r : overwritten)
+        replaced.insert(QString::number(r.timestamp, 10), r.value);
     log.writeDataRecordsInt({{now, QVariant(replaced)}}, false, false, false);
 }
 
