@@ -57,3 +57,14 @@ TEST_F(Deleting, PartlyCoveredFilesKeepTheRestAndAStrictSideFile)
     EXPECT_EQ(readBytes(file(QStringLiteral("2024/05/08.var"))),
               bytesOf(hourly(24, 30, QMetaType::QString), QMetaType::QString, QStringLiteral("2024.var")));
 }
+
+// A range from the first record starts at 1970, as deletes always have: the
+// records before 1970 stay, the rest of the range goes.
+TEST_F(Deleting, RangeFromTheFirstRecordStartsAt1970)
+{
+    useSeries(QMetaType::Double);
+    const Records before1970 = {{ms("1969-12-31T00:00:00Z"), 1.0}, {-1, 2.0}};
+    ASSERT_TRUE(write(joined(before1970, hourly(0, 5))));
+    series->deleteDataRecords(TSFileStorage::TS_FIRST_RECORD, t0 + 2 * hour, QString());
+    EXPECT_TRUE(sameRecords(read(), joined(before1970, hourly(3, 5))));
+}

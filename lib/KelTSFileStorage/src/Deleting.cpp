@@ -213,8 +213,11 @@ try
     TSFileInfo info = storage->findFile(start);
     if (!info.found())
         info = storage->findNextFile(info);
+    // A range from the first record starts at 1970, as it always has: the
+    // records of a series before 1970 are kept by such a delete (unless it
+    // covers the last record too, and the whole series goes).
     if (coversFirst)
-        start = std::min(start, 0LL);
+        start = 0;
 
     QStringList doomed;
     std::set<QString> dirsToTidy;
