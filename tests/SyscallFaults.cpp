@@ -15,6 +15,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 #include <dirent.h>
@@ -84,7 +85,7 @@ void noteFired(Call call)
 // Counts a call; true (with errno set) when it is to fail.
 bool fails(Call call)
 {
-    if (!armed.load(std::memory_order_relaxed))
+    if (!armed.load(std::memory_order_relaxed) || plan.openOf)
         return false;
     seen[call].fetch_add(1, std::memory_order_relaxed);
     const long long n = ++calls;
@@ -96,6 +97,18 @@ bool fails(Call call)
     noteFired(call);
     errno = errorOf(plan.fault);
     return true;
+}
+
+// Counts an open; true (with errno set) when it is to fail.
+bool opening(Call call, const char* path)
+{
+    if (armed.load(std::memory_order_relaxed) && plan.openOf && path && std::strstr(path, plan.openOf)) {
+        ++calls;
+        noteFired(call);
+        errno = errorOf(plan.fault);
+        return true;
+    }
+    return !plan.openOf && fails(call);
 }
 
 // How many of `size` bytes a write-like call passes on: all, half (a short
@@ -190,7 +203,7 @@ int open(const char* path, int flags, ...)
     va_start(ap, flags);
     const mode_t mode = va_arg(ap, mode_t);
     va_end(ap);
-    return fails(call_open) ? -1 : real(path, flags, mode);
+    return opening(call_open, path) ? -1 : real(path, flags, mode);
 }
 
 int open64(const char* path, int flags, ...)
@@ -200,7 +213,7 @@ int open64(const char* path, int flags, ...)
     va_start(ap, flags);
     const mode_t mode = va_arg(ap, mode_t);
     va_end(ap);
-    return fails(call_open64) ? -1 : real(path, flags, mode);
+    return opening(call_open64, path) ? -1 : real(path, flags, mode);
 }
 
 int openat(int dirFd, const char* path, int flags, ...)
@@ -210,7 +223,7 @@ int openat(int dirFd, const char* path, int flags, ...)
     va_start(ap, flags);
     const mode_t mode = va_arg(ap, mode_t);
     va_end(ap);
-    return fails(call_openat) ? -1 : real(dirFd, path, flags, mode);
+    return opening(call_openat, path) ? -1 : real(dirFd, path, flags, mode);
 }
 
 int openat64(int dirFd, const char* path, int flags, ...)
@@ -220,19 +233,19 @@ int openat64(int dirFd, const char* path, int flags, ...)
     va_start(ap, flags);
     const mode_t mode = va_arg(ap, mode_t);
     va_end(ap);
-    return fails(call_openat64) ? -1 : real(dirFd, path, flags, mode);
+    return opening(call_openat64, path) ? -1 : real(dirFd, path, flags, mode);
 }
 
 int creat(const char* path, mode_t mode)
 {
     KELTS_NEXT(creat);
-    return fails(call_creat) ? -1 : real(path, mode);
+    return opening(call_creat, path) ? -1 : real(path, mode);
 }
 
 int creat64(const char* path, mode_t mode)
 {
     KELTS_NEXT(creat64);
-    return fails(call_creat64) ? -1 : real(path, mode);
+    return opening(call_creat64, path) ? -1 : real(path, mode);
 }
 
 ssize_t read(int fd, void* buf, size_t n)

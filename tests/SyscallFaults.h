@@ -27,6 +27,8 @@ struct Plan {
     Fault fault = Fault::Eio;
     long long failAt = 0;     // the call to fail, counted from 1; 0 fails none
     bool persistent = false;  // every call from failAt on fails, not only that one
+    // When set, instead: every open of a path that contains this fails.
+    const char* openOf = nullptr;
 };
 
 // Starts counting calls from 0 under the plan.

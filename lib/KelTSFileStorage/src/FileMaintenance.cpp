@@ -127,10 +127,12 @@ private:
         targetEnd = target.getPeriodEndTsMs();
         file = std::make_unique<QFile>(workDir + u'/' + name);
         if (!storage.openFile(*file, QIODevice::WriteOnly | QIODevice::Append)) {
+            // Named where the file will stand: the work directory is a
+            // detail of the swap that the operator never sees.
             detail::storageLog(detail::LOG_FAILURE,
                                QStringLiteral("Could not open '%1' for write (checkMaxFileSize)"),
                                __LINE__)
-                .arg(file->fileName())
+                .arg(finalDir + u'/' + name)
                 .endl();
             file.reset();
             return false;
