@@ -66,12 +66,11 @@ TEST_F(Faults, FileShorterThanOneRecordReadsAsEmpty)
     writeBytes(yearFile(), QByteArray("\x01\x02\x03", 3));
     EXPECT_TRUE(read().empty());
     EXPECT_EQ(count(), 0);
-    // A file without a whole record reads as one record at its base, as an
-    // empty file always has.
+    // A file without a whole record reads as an empty file does.
     Record rec;
     ASSERT_TRUE(series->getFirstDataRecord(rec));
     EXPECT_EQ(rec.timestamp, ms("2024-01-01T00:00:00Z"));
-    EXPECT_FALSE(rec.value.isValid());
+    EXPECT_EQ(rec.value, QVariant(0.0));
     EXPECT_FALSE(series->findDataRecord(t0, rec));
     LogCapture log;
     ASSERT_TRUE(write(hourly(0, 2)));

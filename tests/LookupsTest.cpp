@@ -1,5 +1,7 @@
 #include "StorageFixture.h"
 
+#include <QDir>
+
 using namespace Kel::test;
 using Kel::TSFileStorage;
 
@@ -20,6 +22,36 @@ TEST_F(Lookups, EmptySeriesFindsNothing)
     EXPECT_FALSE(series->adjustTimestamps(series.get(), start, end, first, last));
     EXPECT_EQ(start, 0);
     EXPECT_FALSE(first);
+}
+
+// An empty storage file answers every lookup with what a read past its end
+// gives: its base, and the value of zero bytes (for text, the side file's
+// value at position 0).
+TEST_F(Lookups, EmptyFileAnswersWithARecordReadPastItsEnd)
+{
+    const long long base = ms("2024-01-01T00:00:00Z");
+    for (const auto& [type, zero] : {std::pair{QMetaType::Double, QVariant(0.0)},
+                                     std::pair{QMetaType::Int, QVariant(0)},
+                                     std::pair{QMetaType::QString, QVariant(QStringLiteral("v0"))}}) {
+        SCOPED_TRACE(QMetaType(type).name());
+        useSeries(type);
+        if (type == QMetaType::QString) {  // a side file whose first value is "v0"
+            ASSERT_TRUE(write(hourly(0, 1, type)));
+            writeBytes(file(QStringLiteral("2024")), QByteArray());
+        } else {
+            touch(file(QStringLiteral("2024")));
+        }
+        Record first, last, found, prev;
+        ASSERT_TRUE(series->getFirstDataRecord(first));
+        ASSERT_TRUE(series->getLastDataRecord(last));
+        EXPECT_FALSE(series->findDataRecord(t0, found));
+        ASSERT_TRUE(series->findPrevDataRecord(t0, prev));
+        for (const Record& r : {first, last, found, prev}) {
+            EXPECT_EQ(r.timestamp, base);
+            EXPECT_EQ(r.value, zero);
+        }
+        QDir(tmp.path()).removeRecursively();
+    }
 }
 
 TEST_F(Lookups, PointLookupsFollowTheProbeOfTheSearch)

@@ -243,8 +243,8 @@ private:
 
     // The first record never changes. The last is at or after the last one
     // stored before the lookup; a file the writer has just created and not
-    // yet written reads as a record at its base with no value, as the last
-    // lookup has always read an empty file.
+    // yet written reads as a record at its base with the value 0, as a read
+    // past the end of a file gives it.
     void checkFirstAndLast()
     {
         Record first;
@@ -260,7 +260,7 @@ private:
         const long long mayBeLast = plan.lastBefore[std::min(size_t(w.upTo), plan.calls.size())];
         if (!foundLast || last.timestamp < storedLast || last.timestamp > mayBeLast)
             return fail("last record: " + show(last) + ", stored before: " + std::to_string(storedLast));
-        if (!last.value.isValid() && last.timestamp > storedLast && last.timestamp % hour == 0)
+        if (last.value == QVariant(0.0) && last.timestamp > storedLast && last.timestamp % hour == 0)
             ++figures.emptyLastFiles;
         else if (!isWhole(last))
             fail("last record torn: " + show(last));

@@ -36,9 +36,9 @@ try
     if (!openForLookup(file, *this, [this] { return findFirstFile(); },
                        QStringLiteral("Could not open '%1' for read (getFirstDataRecord)"), 499))
         return false;
-    // An empty file reads as a record at the file's base, as a read past
-    // the end always has.
-    rec = file->count() > 0 ? file->recordAt(0) : Interpolate::DataRecord{file->base(), QVariant()};
+    // An empty file reads as a record read past the end: at the file's
+    // base, with the value of zero bytes.
+    rec = file->count() > 0 ? file->recordAt(0) : file->recordPastEnd();
     return true;
 } catch (...) {
     detail::logCaughtException("getFirstDataRecord");
@@ -52,8 +52,7 @@ try
     if (!openForLookup(file, *this, [this] { return findLastFile(); },
                        QStringLiteral("Could not open '%1' for read (getLastDataRecord)"), 526))
         return false;
-    rec = file->count() > 0 ? file->recordAt(file->count() - 1)
-                            : Interpolate::DataRecord{file->base(), QVariant()};
+    rec = file->count() > 0 ? file->recordAt(file->count() - 1) : file->recordPastEnd();
     return true;
 } catch (...) {
     detail::logCaughtException("getLastDataRecord");
@@ -68,7 +67,7 @@ try
                        QStringLiteral("Could not open '%1' for read (findDataRecord)"), 605))
         return false;
     const qint64 index = file->probe(ts);
-    rec = index >= 0 ? file->recordAt(index) : Interpolate::DataRecord{file->base(), QVariant()};
+    rec = index >= 0 ? file->recordAt(index) : file->recordPastEnd();
     return rec.timestamp == ts;
 } catch (...) {
     detail::logCaughtException("findDataRecord");
@@ -87,7 +86,7 @@ try
     if (!openForLookup(file, *this, lookup, QStringLiteral("Could not open '%1' for read (findPrevDataRecord)"), 559))
         return false;
     const qint64 index = file->probe(t);
-    rec = index >= 0 ? file->recordAt(index) : Interpolate::DataRecord{file->base(), QVariant()};
+    rec = index >= 0 ? file->recordAt(index) : file->recordPastEnd();
     // The record before the probed one is taken only when it is not below t;
     // in a sorted file it is, so the probed record stays. This is how the
     // lookup has always answered: the last record at or before t when the

@@ -271,6 +271,12 @@ Interpolate::DataRecord RecordFile::recordAt(qint64 index)
     return rec;
 }
 
+Interpolate::DataRecord RecordFile::recordPastEnd()
+{
+    const uchar zeros[8] = {};
+    return {baseTs, valueOf(zeros)};
+}
+
 qint64 RecordFile::probe(long long ts)
 {
     qint64 lo = 0;

@@ -95,6 +95,9 @@ public:
 
     long long timestampAt(qint64 index);
     Interpolate::DataRecord recordAt(qint64 index);
+    // What a read past the end of the records gives: the file's base and
+    // the value of zero bytes (0, false, or a side file's first value).
+    Interpolate::DataRecord recordPastEnd();
 
     // The index the storage's binary search probes last for a timestamp: the
     // exact match when there is one, else a neighbour of its place; -1 for an
