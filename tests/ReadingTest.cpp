@@ -66,6 +66,27 @@ TEST_F(Reading, EveryRangeReadsAndCountsExactlyItsRecordsAndALimitStopsTheRead)
     EXPECT_EQ(shared, 0);
 }
 
+// The "P" log of one back-fill holds its first timestamp at the write time
+// and the others side by side one ms later. A read from that later instant
+// starts where the search probes, the middle one of the four, and passes
+// over the one before it.
+TEST_F(Reading, BackfillLogIsReadFromWhereTheSearchProbes)
+{
+    Records again;
+    for (int m = 1; m <= 5; ++m)
+        again.push_back({t0 + m * 60000LL, -double(m)});
+    ASSERT_TRUE(write(again, true));
+    TSFileStorage log(tmp.path() + QStringLiteral("/DP/"), QMetaType::LongLong, 1 << 30);
+    Record first;
+    ASSERT_TRUE(log.getFirstDataRecord(first));
+
+    Records none, backfilled;
+    int count = 0;
+    series->readDataRecords({}, {}, first.timestamp + 1, ms("2100-01-01T00:00:00Z"), none, false, count,
+                            &backfilled);
+    EXPECT_EQ(timestamps(backfilled), (std::vector<long long>{t0 + 180000, t0 + 240000, t0 + 300000}));
+}
+
 TEST_F(Reading, MissingFilesAreSkippedAndTheWalkGoesOn)
 {
     QFile::remove(file(QStringLiteral("2024/05/08")));

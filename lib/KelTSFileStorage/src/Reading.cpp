@@ -68,8 +68,13 @@ public:
             return at.found() ? at : storage.findNextFile(at);
         });
         while (info.found()) {
+            // A file that begins before the range is read from the record
+            // that the search probes last: the match, or a neighbour of the
+            // place where readStart would go. Where several records share
+            // readStart (the "P" log writes them side by side), those before
+            // the probed one are passed over, as reads always have.
             if (file->isOpen())
-                readFile(*file, file->base() >= readStart ? 0 : file->lowerBound(readStart));
+                readFile(*file, file->base() >= readStart ? 0 : std::max<qint64>(0, file->probe(readStart)));
             else
                 logOpenFailure(info, QStringLiteral("Could not open '%1' for read (readDataRecords)"), 1011);
             if (stopped)
