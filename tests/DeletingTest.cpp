@@ -2,6 +2,8 @@
 
 #include <QDir>
 
+#include <algorithm>
+
 using namespace Kel::test;
 using Kel::TSFileStorage;
 
@@ -67,4 +69,23 @@ TEST_F(Deleting, RangeFromTheFirstRecordStartsAt1970)
     ASSERT_TRUE(write(joined(before1970, hourly(0, 5))));
     series->deleteDataRecords(TSFileStorage::TS_FIRST_RECORD, t0 + 2 * hour, QString());
     EXPECT_TRUE(sameRecords(read(), joined(before1970, hourly(3, 5))));
+}
+
+// A file that a delete visits and keeps is reorganised, whether or not any
+// of its records lay in the range.
+TEST_F(Deleting, EveryFileVisitedAndKeptIsReorganised)
+{
+    LogCapture log;
+    series->deleteDataRecords(t0 + 5 * hour + 1, t0 + 5 * hour + 1000, QString());  // between two records
+    EXPECT_EQ(read().size(), 72u);
+    series->deleteDataRecords(t0 + 20 * hour, t0 + 30 * hour, QString());
+    EXPECT_EQ(read().size(), 61u);
+    ASSERT_EQ(log.count(QStringLiteral("Reorganize .var file")), 3);
+    for (const char* day : {"07", "07", "08"}) {
+        const auto at = std::find_if(log.entries.begin(), log.entries.end(), [&](const Kel::LogEntry& e) {
+            return e.message == QStringLiteral("Reorganize .var file '%1.var'").arg(file(QStringLiteral("2024/05/") + day));
+        });
+        ASSERT_NE(at, log.entries.end()) << day;
+        EXPECT_EQ(at->level, 7);
+    }
 }

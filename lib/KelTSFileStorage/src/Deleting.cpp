@@ -134,22 +134,24 @@ void logReadFailure(const QString& path)
         .endl();
 }
 
+enum class Kept { None, Some, Unknown };
+
 // Writes the records of a partly covered file that lie outside [start, end]
-// anew. Returns false when none of them is kept (the whole file goes). A file
-// whose records cannot all be read stays as it is.
-bool keepOutside(detail::RecordFile& file, long long start, long long end)
+// anew: None when none of them is kept (the whole file goes). A file whose
+// records cannot all be read stays as it is (Unknown).
+Kept keepOutside(detail::RecordFile& file, long long start, long long end)
 {
     const qint64 count = file.count();
     const qint64 first = file.lowerBound(start);
     const qint64 last = file.upperBound(end);
     if (file.failed()) {
         logReadFailure(file.path());
-        return true;  // the bounds were found by reads that failed
+        return Kept::Unknown;  // the bounds were found by reads that failed
     }
     if (first == 0 && last == count)
-        return false;
+        return Kept::None;
     if (first == last)
-        return true;  // nothing in the range: the file stays as it is
+        return Kept::Some;  // nothing in the range: the bytes stay as they are
 
     const detail::RecordLayout& layout = file.layout();
     if (!layout.variable) {
@@ -157,14 +159,14 @@ bool keepOutside(detail::RecordFile& file, long long start, long long end)
         if (!file.readRaw(0, first, kept.data()) ||
             !file.readRaw(last, count - last, kept.data() + first * layout.stride)) {
             logReadFailure(file.path());
-            return true;
+            return Kept::Unknown;
         }
         if (!detail::replaceFile(file.path(), kept.constData(), kept.size()))
             detail::storageLog(detail::LOG_FAILURE,
                                QStringLiteral("Could not open '%1' for write (deleteDataRecords)"), __LINE__)
                 .arg(file.path())
                 .endl();
-        return true;
+        return Kept::Some;
     }
     // Variable values: the kept records get a side file of their own values
     // only, as a reorganisation would leave it.
@@ -172,7 +174,7 @@ bool keepOutside(detail::RecordFile& file, long long start, long long end)
     if (file.readRecords(0, first, records.data()) != first ||
         file.readRecords(last, count - last, records.data() + first) != count - last || file.failed()) {
         logReadFailure(file.path());
-        return true;
+        return Kept::Unknown;
     }
     detail::VarBuffer var;
     const detail::RecordEncoder encoder(layout, file.base(), &var);
@@ -184,7 +186,7 @@ bool keepOutside(detail::RecordFile& file, long long start, long long end)
                            QStringLiteral("Could not open '%1' for write (deleteDataRecords)"), __LINE__)
             .arg(file.path())
             .endl();
-    return true;
+    return Kept::Some;
 }
 
 } // namespace
@@ -249,10 +251,17 @@ try
             removeWhole(info);
             continue;
         }
-        const bool kept = keepOutside(file, start, end);
+        const Kept kept = keepOutside(file, start, end);
         file.close();
-        if (!kept)
+        if (kept == Kept::None)
             removeWhole(info);
+        // Every file that the delete visits and keeps is reorganised, also
+        // when none of its records lay in the range: its side file loses
+        // the values no record refers to, with the progress line that says so.
+        if (kept == Kept::Some) {
+            QFile rewritten(info.filePath());
+            storage->reorgVarFile(&rewritten, info);
+        }
         if (lastTs > end)
             break;
     }

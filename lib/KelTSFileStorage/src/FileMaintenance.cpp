@@ -250,6 +250,15 @@ try
             .endl();
         return;
     }
+    // Records of fixed length written again would be the same bytes: only a
+    // side file left beside them goes, as the rewrite would remove it.
+    const QString sideFile = path + QStringLiteral(".var");
+    if (!source.layout().variable && source.tailBytes() == 0) {
+        source.close();
+        if (QFileInfo::exists(sideFile))
+            QFile::remove(sideFile);
+        return;
+    }
     // Records that cannot be read are not given up for a smaller side file.
     std::vector<Interpolate::DataRecord> records(size_t(source.count()));
     if (source.readRecords(0, source.count(), records.data()) != source.count() || source.failed()) {
@@ -260,13 +269,18 @@ try
     }
     source.close();
 
+    const bool variable = source.layout().variable;
     detail::VarBuffer var;
-    const detail::RecordEncoder encoder(source.layout(), source.base(), &var);
+    const detail::RecordEncoder encoder(source.layout(), source.base(), variable ? &var : nullptr);
     QByteArray data;
     data.reserve(qsizetype(records.size()) * source.layout().stride);
     for (const Interpolate::DataRecord& rec : records)
         encoder.append(data, rec);
-    if (!detail::replaceFileAndSideFile(path, data, var.bytes()))
+    const bool replaced = variable ? detail::replaceFileAndSideFile(path, data, var.bytes())
+                                   : detail::replaceFile(path, data.constData(), data.size());
+    if (replaced && !variable && QFileInfo::exists(sideFile))
+        QFile::remove(sideFile);
+    if (!replaced)
         detail::storageLog(detail::LOG_FAILURE,
                            QStringLiteral("Could not open '%1' for write (reorgVarFile)"), __LINE__)
             .arg(path)
