@@ -10,6 +10,8 @@
 #include <QDateTime>
 #include <QStringList>
 
+#include <optional>
+
 #include <string>
 #include <vector>
 
@@ -43,6 +45,9 @@ struct Read {
     bool countOnly = false;
     int resultCount = 0;  // the limit on entry, as the caller passes it
     int recordsFed = 0;
+    // The record fed before the range when the engine asks for one, in place
+    // of the last record before it.
+    std::optional<DataRecord> previous = std::nullopt;
 };
 
 // Sets the engine's range up as a reader does, wherever that says to read.
@@ -60,6 +65,8 @@ inline void feed(Interpolate& engine, Read& read, const std::vector<DataRecord>&
     for (const DataRecord& r : series)
         if (r.timestamp < readStart)
             before = &r;
+    if (read.previous)
+        before = &*read.previous;
     if (before && engine.needsPreviousDataRecords()) {
         ++read.recordsFed;
         engine.handleNextRawRecord(*before);

@@ -164,6 +164,29 @@ TEST_F(CondensedReading, UsesTheRecordsAroundTheRange)
     }
 }
 
+// The record before a condensed read's range is the one findPrevDataRecord
+// answers: the search in the file that holds the instant probes 2024-03-01,
+// after the range start, and the earlier file's 2023-06-01 is never asked.
+// The engine meets 2024-03-01 as the previous record and again in the range.
+TEST_F(CondensedReading, RecordBeforeTheRangeIsTheOneTheLookupBeforeItAnswers)
+{
+    const Records stored = {{ms("2023-06-01T00:00:00Z"), 0.0},
+                            {ms("2024-03-01T00:00:00Z"), 10.0},
+                            {ms("2024-03-02T00:00:00Z"), 20.0}};
+    write(stored);
+    const long long from = ms("2024-01-02T12:00:00Z"), to = ms("2024-03-05T12:00:00Z");
+    Record before;
+    ASSERT_TRUE(series->findPrevDataRecord(from, before));
+    EXPECT_EQ(before.timestamp, stored[1].timestamp);
+
+    Read asTheLookupAnswers{request("diffMeanA", -1), {}, from, to};
+    asTheLookupAnswers.previous = before;
+    Read exactlyBefore{request("diffMeanA", -1), {}, from, to};
+    const std::string expected = show(runRead(asTheLookupAnswers, stored));
+    EXPECT_NE(expected, show(runRead(exactlyBefore, stored)));
+    EXPECT_EQ(show(read(from, to, QStringLiteral("diffMeanA"), -1)), expected);
+}
+
 // The means and the count take the records inside an interval from the
 // file's blocks as plain values; every result must be the one the engine
 // gives when it is handed each record whole.

@@ -138,29 +138,3 @@ bool TSFileStorage::adjustTimestamps(TSFileStorage* storage, long long& start, l
 }
 
 } // namespace Kel
-
-namespace Kel::detail {
-
-bool lastRecordBefore(TSFileStorage& storage, long long ts, Interpolate::DataRecord& rec)
-{
-    std::optional<RecordFile> file;
-    TSFileInfo info = openLookedUp(file, storage, nullptr, [&] {
-        const TSFileInfo at = storage.findFile(ts - 1);
-        return at.found() ? at : storage.findPrevFile(at);
-    });
-    while (info.found()) {
-        if (!file->isOpen()) {
-            storageLog(LOG_FAILURE, QStringLiteral("Could not open '%1' for read (findPrevDataRecord)"), 559)
-                .arg(info.filePath())
-                .endl();
-        } else if (const qint64 index = file->lowerBound(ts) - 1; index >= 0) {
-            rec = file->recordAt(index);
-            return true;
-        }
-        const TSFileInfo done = info;
-        info = openLookedUp(file, storage, nullptr, [&] { return storage.findPrevFile(done); });
-    }
-    return false;
-}
-
-} // namespace Kel::detail

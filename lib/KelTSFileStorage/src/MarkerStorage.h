@@ -25,8 +25,4 @@ private:
     std::unique_ptr<TSFileStorage> owned;
 };
 
-// The last record of the storage whose timestamp lies before ts, searched
-// exactly (across earlier files where needed); false when there is none.
-bool lastRecordBefore(TSFileStorage& storage, long long ts, Interpolate::DataRecord& rec);
-
 } // namespace Kel::detail

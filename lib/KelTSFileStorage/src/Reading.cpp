@@ -200,6 +200,18 @@ long long rawCount(TSFileStorage& storage, long long start, long long end)
     return total;
 }
 
+// The record before the range, where the engine asks for one, as
+// findPrevDataRecord answers it. That lookup keeps its rule: the probed
+// record is taken even where it lies at or after the instant (the engine
+// then meets it again in the range), and an earlier file is asked only where
+// no file holds the instant.
+void feedPreviousRecord(TSFileStorage& storage, Interpolate& engine, long long readStart)
+{
+    Record rec{0, QVariant()};
+    if (engine.needsPreviousDataRecords() && storage.findPrevDataRecord(readStart, rec))
+        engine.handleNextRawRecord(std::move(rec));
+}
+
 } // namespace
 
 bool TSFileStorage::readDataRecordsInt(Interpolate::InterpolateParam param,
@@ -233,12 +245,7 @@ try
     if (!inRange || counted) {
         resultCount = 0;
     } else {
-        // Only a record that really lies before the range is fed as the
-        // previous one.
-        Record previous;
-        if (engine.needsPreviousDataRecords() &&
-            detail::lastRecordBefore(*storage.get(), readStart, previous))
-            engine.handleNextRawRecord(std::move(previous));
+        feedPreviousRecord(*storage.get(), engine, readStart);
         RangeWalk(*this, *storage.get(), engine, out, marker == QLatin1String("P"), readStart, readEnd)
             .run();
     }
