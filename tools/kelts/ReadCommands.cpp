@@ -145,6 +145,10 @@ int read(const QStringList& args)
                                   withBackfill ? &backfilled : nullptr, withOverwritten ? &overwritten : nullptr))
         readFailed();
     progress.done();
+    // The library gives the interval that reached the limit once more when
+    // it closes the read; the operator asked for at most N values.
+    if (r.limit > 0 && out.size() > size_t(r.limit))
+        out.resize(size_t(r.limit));
     printer.records(out);
     if (withBackfill)
         printBackfilled(printer, backfilled);

@@ -252,8 +252,11 @@ void Interpolate::checkLimit()
 void Interpolate::finalize()
 {
     try {
-        // A record without value at the aligned end closes the last interval.
-        if (acceptsRecords && method != RAW && !linear)
+        // A record without value at the aligned end closes the last interval,
+        // also after the limit stopped the read: the interval that reached
+        // the limit is then given once more, and counted.
+        const bool limitReached = limit >= 1 && outputRecords && int(outputRecords->size()) >= limit;
+        if ((acceptsRecords || limitReached) && method != RAW && !linear)
             (this->*handler)(DataRecord{alignedEnd, QVariant()}, alignedEnd);
         if (next)
             next->finalize();
