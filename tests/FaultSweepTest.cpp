@@ -382,3 +382,24 @@ TEST_P(FaultSweep, EveryFailingCallLeavesTheStoredRecordsAndTheOperationComplete
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, FaultSweep, testing::ValuesIn(allCases()), caseName);
+
+// One chosen call failing, where the sweep shows only that nothing is lost.
+class FailingCall : public StorageFixture {};
+
+// A new file of a split that cannot be opened is named where it was to stand.
+TEST_F(FailingCall, SplitFileThatCannotBeOpenedIsLoggedByItsPlaceInTheTree)
+{
+    useSeries(QMetaType::Double, 100);
+    ASSERT_TRUE(write(hourly(0, 5)));
+    ASSERT_TRUE(write(hourly(5, 10)));  // the year file is split into months
+    LogCapture log;
+    {
+        faults::Plan plan;
+        plan.openOf = "/2024/05.split/07";  // where the split builds day 07
+        faults::Armed armed(plan);
+        ASSERT_TRUE(write(hourly(10, 12)));
+    }
+    EXPECT_TRUE(log.contains(
+        QStringLiteral("Could not open '%1' for write (checkMaxFileSize)").arg(file(QStringLiteral("2024/05/07")))));
+    EXPECT_TRUE(sameRecords(read(), hourly(0, 12)));
+}

@@ -1,10 +1,8 @@
 #include "StorageFixture.h"
-#include "SyscallFaults.h"
 
 #include <QDir>
 
 using namespace Kel::test;
-namespace faults = Kel::test::faults;
 using Kel::TSFileInfo;
 using Kel::TSFileStorage;
 
@@ -110,22 +108,4 @@ TEST_F(FileMaintenance, InterruptedSideFileReplacementIsFinishedOnNextOpen)
     EXPECT_EQ(read()[1].value.toString(), QStringLiteral("b"));
     EXPECT_FALSE(QFileInfo::exists(file(QStringLiteral("2024.new"))));
     EXPECT_FALSE(QFileInfo::exists(file(QStringLiteral("2024.new.var"))));
-}
-
-// A new file of a split that cannot be opened is named where it was to stand.
-TEST_F(FileMaintenance, SplitFileThatCannotBeOpenedIsLoggedByItsPlaceInTheTree)
-{
-    useSeries(QMetaType::Double, 100);
-    ASSERT_TRUE(write(hourly(0, 5)));
-    ASSERT_TRUE(write(hourly(5, 10)));  // the year file is split into months
-    LogCapture log;
-    {
-        faults::Plan plan;
-        plan.openOf = "/2024/05.split/07";  // where the split builds day 07
-        faults::Armed armed(plan);
-        ASSERT_TRUE(write(hourly(10, 12)));
-    }
-    EXPECT_TRUE(log.contains(
-        QStringLiteral("Could not open '%1' for write (checkMaxFileSize)").arg(file(QStringLiteral("2024/05/07")))));
-    EXPECT_TRUE(sameRecords(read(), hourly(0, 12)));
 }
