@@ -184,7 +184,7 @@ public:
     QVariant valueAt(qint32 position);
     // Whether values could not be read because the system refused the side
     // file (not because it is missing or damaged).
-    bool openFailedOnce() const { return openFailed; }
+    bool refusedBySystem() const { return refused; }
 
 private:
     QVariant unreadable(qint32 position, const char* why);
@@ -197,7 +197,7 @@ private:
     std::unique_ptr<QDataStream> stream;
     qint64 size = 0;  // as last asked; a writer may append meanwhile
     bool failed = false;
-    bool openFailed = false;
+    bool refused = false;
     bool reported = false;
 };
 

@@ -87,7 +87,7 @@ public:
     // Whether a read or write of the file or of its side file failed since
     // it was opened (logged): what was read since may be wrong, and a
     // writer must not act on it.
-    bool failed() const { return ioFailed || (var && var->openFailedOnce()); }
+    bool failed() const { return ioFailed || (var && var->refusedBySystem()); }
     // Whole records in the file.
     qint64 count() const { return fileSize / recordLayout.stride; }
     // Bytes of a partial record at the end.

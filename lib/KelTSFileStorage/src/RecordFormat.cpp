@@ -178,7 +178,7 @@ QVariant VarFileReader::valueAt(qint32 position)
         if (kind != PathKind::File || !storage.openFile(*file, QIODevice::ReadOnly)) {
             // A side file that is missing or is no file stays so; one that
             // the system would not look up or open may be there.
-            openFailed = kind == PathKind::File || kind == PathKind::Unknown;
+            refused = kind == PathKind::File || kind == PathKind::Unknown;
             storageLog(LOG_FAILURE, QStringLiteral("Could not open '%1' for read (readCurrDataRecord)"),
                        __LINE__)
                 .arg(path)
@@ -195,7 +195,7 @@ QVariant VarFileReader::valueAt(qint32 position)
     // size, and moved only when it is not already at the position.
     if (position >= size)
         size = currentSize();
-    if (openFailed)
+    if (refused)
         return unreadable(position, "could not be read");
     if (position < 0 || position >= size)
         return unreadable(position, "lies past the end of the file");
@@ -207,7 +207,7 @@ QVariant VarFileReader::valueAt(qint32 position)
     // followed by one more try.
     char probe;
     if (::pread(file->handle(), &probe, 1, position) != 1) {
-        openFailed = true;
+        refused = true;
         return unreadable(position, "could not be read");
     }
     value = readAt(position);
@@ -229,7 +229,7 @@ qint64 VarFileReader::currentSize()
     struct stat st;
     if (::fstat(file->handle(), &st) == 0)
         return st.st_size;
-    openFailed = true;
+    refused = true;
     return 0;
 }
 

@@ -116,15 +116,6 @@ QStringList listTreeNames(const QString& dirPath, bool backward, bool* complete)
 
 } // namespace detail
 
-namespace {
-
-QStringList listNames(const QString& dirPath, bool backward)
-{
-    return detail::listTreeNames(dirPath, backward);
-}
-
-} // namespace
-
 TSFileInfo TSDirControl::findFile(long long timestampMs)
 {
     if (!detail::isPlaceable(timestampMs))
@@ -150,7 +141,7 @@ TSFileInfo TSDirControl::findFirstLastFile(bool first)
         return TSFileInfo();
     QString relDir;
     for (int level = 0; level < kMaxLevels; ++level) {
-        const QStringList names = listNames(dir.path(), !first);
+        const QStringList names = detail::listTreeNames(dir.path(), !first);
         // An empty directory on the way ends the search, even if other
         // branches hold files.
         if (names.isEmpty())
@@ -181,7 +172,7 @@ TSFileInfo TSDirControl::findPrevNextFile(TSFileInfo file, bool prev)
     while (!file.filePath().isEmpty()) {
         QDir dir(file.path());
         const QString relDir = file.getSubDir();
-        const QStringList names = listNames(dir.path(), prev);
+        const QStringList names = detail::listTreeNames(dir.path(), prev);
         const QString name = file.fileName();
 
         qsizetype candidate = names.indexOf(name);
@@ -210,7 +201,7 @@ TSFileInfo TSDirControl::findPrevNextFile(TSFileInfo file, bool prev)
             for (int level = file.getDirDepth() + 1; level < kMaxLevels; ++level) {
                 entryRelDir += entryName + u'/';
                 const QDir sub(entryPath);
-                const QStringList subNames = listNames(sub.path(), prev);
+                const QStringList subNames = detail::listTreeNames(sub.path(), prev);
                 if (subNames.isEmpty())
                     return TSFileInfo();
                 entryName = subNames.first();
