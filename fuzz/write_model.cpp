@@ -76,6 +76,20 @@ void applyBatch(Model& model, std::vector<Record> batch)
     }
 }
 
+// What a delete leaves: the records from lo to hi gone, except that a range
+// from at or before the first record (and not past the last) starts at 1970,
+// so that the records before 1970 stay.
+void applyDelete(Model& model, long long lo, long long hi)
+{
+    if (model.empty())
+        return;
+    const bool coversFirst = lo <= model.begin()->first;
+    const bool coversLast = hi >= model.rbegin()->first;
+    const long long from = coversFirst && !coversLast ? 0 : lo;
+    if (from <= hi)
+        model.erase(model.lower_bound(from), model.upper_bound(hi));
+}
+
 void expectSame(const std::vector<Record>& got, Model::const_iterator from, Model::const_iterator to,
                 const char* what)
 {
@@ -226,7 +240,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             const long long b = pickTime(in);
             const long long lo = std::min(a, b);
             const long long hi = std::max(a, b);
-            next.erase(next.lower_bound(lo), next.upper_bound(hi));
+            applyDelete(next, lo, hi);
             run = [&series, lo, hi](bool) { series.deleteDataRecords(lo, hi); };
         } else {
             std::vector<Record> batch;

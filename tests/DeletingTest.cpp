@@ -71,6 +71,21 @@ TEST_F(Deleting, RangeFromTheFirstRecordStartsAt1970)
     EXPECT_TRUE(sameRecords(read(), joined(before1970, hourly(3, 5))));
 }
 
+// Such a range that ends before 1970 starts after its end: nothing goes, and
+// each record is still there once.
+TEST_F(Deleting, RangeFromTheFirstRecordEndingBefore1970KeepsEveryRecord)
+{
+    for (QMetaType::Type type : {QMetaType::Double, QMetaType::QString}) {
+        useSeries(type);
+        const Records before1970 = {hourly(0, 1, type)[0], hourly(1, 2, type)[0]};
+        ASSERT_TRUE(write({{ms("1969-12-31T00:00:00Z"), before1970[0].value}, {-100, before1970[1].value}}));
+        ASSERT_TRUE(write(hourly(0, 3, type)));
+        const Records stored = read();
+        series->deleteDataRecords(TSFileStorage::TS_FIRST_RECORD, -500, QString());  // before -100
+        EXPECT_TRUE(sameRecords(read(), stored)) << QMetaType(type).name();
+    }
+}
+
 // A file that a delete visits and keeps is reorganised, whether or not any
 // of its records lay in the range.
 TEST_F(Deleting, EveryFileVisitedAndKeptIsReorganised)

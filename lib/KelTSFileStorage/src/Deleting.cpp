@@ -150,8 +150,10 @@ Kept keepOutside(detail::RecordFile& file, long long start, long long end)
     }
     if (first == 0 && last == count)
         return Kept::None;
-    if (first == last)
-        return Kept::Some;  // nothing in the range: the bytes stay as they are
+    // Nothing in the range (a range from the first record that ends before
+    // 1970 starts after its end): the bytes stay as they are.
+    if (first >= last)
+        return Kept::Some;
 
     const detail::RecordLayout& layout = file.layout();
     if (!layout.variable) {
