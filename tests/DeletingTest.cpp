@@ -1,4 +1,5 @@
 #include "StorageFixture.h"
+#include "StoredRecords.h"
 
 #include <QDir>
 
@@ -103,4 +104,21 @@ TEST_F(Deleting, EveryFileVisitedAndKeptIsReorganised)
         ASSERT_NE(at, log.entries.end()) << day;
         EXPECT_EQ(at->level, 7);
     }
+}
+
+// A Float series' last-record lookup answers with other bytes (see
+// LookupsTest): here 2024-01-13, inside the series. A delete clamps its range
+// by the last record as stored, so that a range inside the series is not
+// taken for one that reaches its end, which would remove the whole series.
+TEST_F(Deleting, FloatRangeIsClampedByTheLastRecordAsStored)
+{
+    useSeries(QMetaType::Float);
+    const Records records = {{ms("2024-01-02T00:00:00Z"), 1.5f}, {ms("2024-02-01T00:00:00Z"), 1.5f}, {t0, 1.5f}};
+    ASSERT_TRUE(write(records));
+    Record last;
+    ASSERT_TRUE(series->getLastDataRecord(last));
+    ASSERT_EQ(last.timestamp, ms("2024-01-01T00:00:00Z") + 0x3FF80000LL);  // the offset of t0 ends in 00
+
+    series->deleteDataRecords(records[0].timestamp, ms("2024-01-20T00:00:00Z"), QString());
+    EXPECT_TRUE(sameRecords(storedRecords(*series), {records[1], records[2]}));
 }

@@ -84,6 +84,55 @@ TEST_F(Lookups, PointLookupsFollowTheProbeOfTheSearch)
     EXPECT_EQ(rec.timestamp, t0 + 1000);
 }
 
+// A Float record takes 5 + 8 bytes in a year file, but lookups and counts
+// step by the declared 5 + 4: they read timestamps made of other bytes, as
+// the format always has. A read from the start of a file steps by what it
+// reads, and gets every record.
+TEST_F(Lookups, FloatSeriesLookupsAndCountsStepByTheDeclaredRecordLength)
+{
+    useSeries(QMetaType::Float);
+    const long long base2023 = ms("2023-01-01T00:00:00Z");
+    const long long base = ms("2024-01-01T00:00:00Z");
+    ASSERT_TRUE(write({{base2023, 0.5f}, {base2023 + 1000, 0.5f}, {base2023 + 2000, 0.5f}}));
+    ASSERT_TRUE(write({{t0, 1.5f}, {t0 + 1000, 2.5f}, {t0 + 2000, 3.5f}, {t0 + 3000, 4.5f}}));
+    const QByteArray bytes = readBytes(file(QStringLiteral("2024")));
+    ASSERT_EQ(bytes.size(), 4 * 13);
+
+    // The last record is read 9 bytes before the end: the last byte of the
+    // last offset and the first four of its value (4.5 = 40 12 00 00 ...) as
+    // the offset, and a value cut off by the end.
+    Record last;
+    ASSERT_TRUE(series->getLastDataRecord(last));
+    const long long lowByte = (t0 + 3000 - base) & 0xff;
+    EXPECT_EQ(last.timestamp, base + (lowByte << 32 | 0x40120000LL));
+    EXPECT_EQ(last.value, QVariant(0.0f));
+
+    // The 2023 file lies wholly inside the range and counts 39 / 9 records.
+    EXPECT_EQ(series->getCount({}, {}, base2023, ms("2024-01-01T00:00:00Z"), true, false, false), 4);
+
+    // Each lookup lands where the format's stream operations land.
+    QFile f(file(QStringLiteral("2024")));
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    QDataStream stream(&f);
+    for (long long ts = t0 - 500; ts <= t0 + 3500; ts += 250) {
+        SCOPED_TRACE(ts - t0);
+        stream.device()->seek(0);
+        series->seekToTsOffsetPos(stream, f.size(), ts - base, 5, Kel::TSFileInfo::DEPTH_YEAR);
+        const Record probed = series->readCurrDataRecord(stream, base, Kel::TSFileInfo::DEPTH_YEAR);
+        Record found;
+        EXPECT_EQ(series->findDataRecord(ts, found), probed.timestamp == ts);
+        EXPECT_EQ(found.timestamp, probed.timestamp);
+        EXPECT_EQ(found.value, probed.value);
+    }
+    Record found;
+    EXPECT_FALSE(series->findDataRecord(t0 + 1000, found));  // stored, and not found
+
+    // A read from before the file's first record starts at its byte 0.
+    EXPECT_TRUE(sameRecords(read(base2023 - 1, t0 + 2000),
+                            {{base2023, 0.5f}, {base2023 + 1000, 0.5f}, {base2023 + 2000, 0.5f}, {t0, 1.5f},
+                             {t0 + 1000, 2.5f}, {t0 + 2000, 3.5f}}));
+}
+
 TEST_F(Lookups, PreviousRecordComesFromAnEarlierFileWhenTheTimeHasNone)
 {
     useSeries(QMetaType::Double, 30);

@@ -13,6 +13,7 @@
 #include "Logging.h"
 #include "MarkerStorage.h"
 #include "RecordFile.h"
+#include "StoredRange.h"
 #include "TreeListing.h"
 
 #include <QDir>
@@ -201,7 +202,7 @@ try
         return true;
     bool coversFirst = false;
     bool coversLast = false;
-    if (!adjustTimestamps(storage.get(), start, end, coversFirst, coversLast))
+    if (!detail::adjustToStoredRecords(*storage.get(), start, end, coversFirst, coversLast))
         return true;
 
     if (coversFirst && coversLast) {

@@ -8,12 +8,15 @@
 #include "Logging.h"
 #include "MarkerStorage.h"
 #include "RecordFile.h"
+#include "StoredRange.h"
 
 namespace Kel {
 
 namespace {
 
 // Opens the file that lookup() names; a file that cannot be opened is logged.
+// A lookup whose reads failed (logged by the file) answers false: a record
+// made of what could not be read must not bound a read or a delete.
 template <typename Lookup>
 bool openForLookup(std::optional<detail::RecordFile>& file, TSFileStorage& storage, Lookup lookup,
                    const QString& failure, int line)
@@ -38,8 +41,8 @@ try
         return false;
     // An empty file reads as a record read past the end: at the file's
     // base, with the value of zero bytes.
-    rec = file->count() > 0 ? file->recordAt(0) : file->recordPastEnd();
-    return true;
+    rec = file->recordAtPosition(0);
+    return !file->failed();
 } catch (...) {
     detail::logCaughtException("getFirstDataRecord");
     return false;
@@ -52,8 +55,8 @@ try
     if (!openForLookup(file, *this, [this] { return findLastFile(); },
                        QStringLiteral("Could not open '%1' for read (getLastDataRecord)"), 526))
         return false;
-    rec = file->count() > 0 ? file->recordAt(file->count() - 1) : file->recordPastEnd();
-    return true;
+    rec = file->recordAtPosition(file->lastPosition());
+    return !file->failed();
 } catch (...) {
     detail::logCaughtException("getLastDataRecord");
     return false;
@@ -66,9 +69,8 @@ try
     if (!openForLookup(file, *this, [this, ts] { return findFile(ts); },
                        QStringLiteral("Could not open '%1' for read (findDataRecord)"), 605))
         return false;
-    const qint64 index = file->probe(ts);
-    rec = index >= 0 ? file->recordAt(index) : file->recordPastEnd();
-    return rec.timestamp == ts;
+    rec = file->recordAtPosition(file->probePosition(ts));
+    return rec.timestamp == ts && !file->failed();
 } catch (...) {
     detail::logCaughtException("findDataRecord");
     return false;
@@ -85,22 +87,69 @@ try
     std::optional<detail::RecordFile> file;
     if (!openForLookup(file, *this, lookup, QStringLiteral("Could not open '%1' for read (findPrevDataRecord)"), 559))
         return false;
-    const qint64 index = file->probe(t);
-    rec = index >= 0 ? file->recordAt(index) : file->recordPastEnd();
+    const qint64 probed = file->probePosition(t);
+    rec = file->recordAtPosition(probed);
     // The record before the probed one is taken only when it is not below t;
     // in a sorted file it is, so the probed record stays. This is how the
     // lookup has always answered: the last record at or before t when the
     // search ends below t, otherwise the first record at or after it.
-    if (rec.timestamp > t && index >= 1) {
-        Interpolate::DataRecord before = file->recordAt(index - 1);
+    const qint64 length = file->layout().recordLength;
+    const qint64 after = file->positionAfterRecordAt(probed);
+    if (rec.timestamp > t && after >= 2 * length) {
+        Interpolate::DataRecord before = file->recordAtPosition(after - 2 * length);
         if (before.timestamp >= t)
             rec = std::move(before);
     }
-    return true;
+    return !file->failed();
 } catch (...) {
     detail::logCaughtException("findPrevDataRecord");
     return false;
 }
+
+namespace {
+
+// Resolves the special bounds and clamps the range to the first and last
+// record; true when a range remains.
+bool clampRange(long long first, long long last, long long& start, long long& end, bool& coversFirst,
+                bool& coversLast)
+{
+    if (start == TSFileStorage::TS_NOW)
+        start = detail::nowMs();
+    else if (start == TSFileStorage::TS_FIRST_RECORD)
+        start = first;
+    else if (start == TSFileStorage::TS_LAST_RECORD)
+        start = last;
+
+    if (end == TSFileStorage::TS_NOW)
+        end = detail::nowMs();
+    else if (end == TSFileStorage::TS_FIRST_RECORD)
+        end = first;
+    else if (end == TSFileStorage::TS_LAST_RECORD)
+        end = last;
+
+    if (first >= start) {
+        start = first;
+        coversFirst = true;
+    }
+    if (end >= last) {
+        end = last;
+        coversLast = true;
+    }
+    return end >= start;
+}
+
+// The last whole record of the last file.
+bool lastStoredRecord(TSFileStorage& storage, Interpolate::DataRecord& rec)
+{
+    std::optional<detail::RecordFile> file;
+    if (!openForLookup(file, storage, [&storage] { return storage.findLastFile(); },
+                       QStringLiteral("Could not open '%1' for read (getLastDataRecord)"), 526))
+        return false;
+    rec = file->count() > 0 ? file->recordAt(file->count() - 1) : file->recordPastEnd();
+    return !file->failed();
+}
+
+} // namespace
 
 bool TSFileStorage::adjustTimestamps(TSFileStorage* storage, long long& start, long long& end,
                                      bool& coversFirst, bool& coversLast)
@@ -111,30 +160,27 @@ bool TSFileStorage::adjustTimestamps(TSFileStorage* storage, long long& start, l
     Interpolate::DataRecord last;
     if (!storage || !storage->getFirstDataRecord(first) || !storage->getLastDataRecord(last))
         return false;
-
-    if (start == TS_NOW)
-        start = detail::nowMs();
-    else if (start == TS_FIRST_RECORD)
-        start = first.timestamp;
-    else if (start == TS_LAST_RECORD)
-        start = last.timestamp;
-
-    if (end == TS_NOW)
-        end = detail::nowMs();
-    else if (end == TS_FIRST_RECORD)
-        end = first.timestamp;
-    else if (end == TS_LAST_RECORD)
-        end = last.timestamp;
-
-    if (first.timestamp >= start) {
-        start = first.timestamp;
-        coversFirst = true;
-    }
-    if (end >= last.timestamp) {
-        end = last.timestamp;
-        coversLast = true;
-    }
-    return end >= start;
+    return clampRange(first.timestamp, last.timestamp, start, end, coversFirst, coversLast);
 }
+
+namespace detail {
+
+bool adjustToStoredRecords(TSFileStorage& storage, long long& start, long long& end, bool& coversFirst,
+                           bool& coversLast)
+try
+{
+    coversFirst = false;
+    coversLast = false;
+    Interpolate::DataRecord first;
+    Interpolate::DataRecord last;
+    if (!storage.getFirstDataRecord(first) || !lastStoredRecord(storage, last))
+        return false;
+    return clampRange(first.timestamp, last.timestamp, start, end, coversFirst, coversLast);
+} catch (...) {
+    logCaughtException("adjustToStoredRecords");
+    return false;
+}
+
+} // namespace detail
 
 } // namespace Kel

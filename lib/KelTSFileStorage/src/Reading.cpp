@@ -74,7 +74,7 @@ public:
             // readStart (the "P" log writes them side by side), those before
             // the probed one are passed over, as reads always have.
             if (file->isOpen())
-                readFile(*file, file->base() >= readStart ? 0 : std::max<qint64>(0, file->probe(readStart)));
+                readFile(*file, file->base() >= readStart ? 0 : file->probePosition(readStart));
             else
                 logOpenFailure(info, QStringLiteral("Could not open '%1' for read (readDataRecords)"), 1011);
             if (stopped)
@@ -85,7 +85,25 @@ public:
     }
 
 private:
-    void readFile(detail::RecordFile& file, qint64 from)
+    void readFile(detail::RecordFile& file, qint64 position)
+    {
+        const int stride = file.layout().stride;
+        if (position % stride != 0)
+            readFromInsideARecord(file, position);
+        else
+            readRecords(file, position / stride);
+    }
+
+    // A Float file's search lands inside records (see RecordFile): the read
+    // goes on from there by the bytes each record takes, as it always has,
+    // and takes what it reads there.
+    void readFromInsideARecord(detail::RecordFile& file, qint64 position)
+    {
+        for (; position < file.wholeBytes() && !stopped; position = file.positionAfterRecordAt(position))
+            take(file.recordAtPosition(position));
+    }
+
+    void readRecords(detail::RecordFile& file, qint64 from)
     {
         // A file whose period reaches past the range is read only up to the
         // range's end (and, for the engine, the one record after it). The
@@ -175,8 +193,10 @@ long long rawCount(TSFileStorage& storage, long long start, long long end)
             break;
         const detail::RecordLayout layout(storage.valueType, info.getDirDepth());
         if (base >= start && info.getPeriodEndTsMs() - 1 <= end) {
-            // The whole period lies inside the range: the size tells.
-            total += info.size() / layout.stride;
+            // The whole period lies inside the range: the size tells, in
+            // record lengths (for Float more records than the file holds;
+            // see RecordFile).
+            total += info.size() / layout.recordLength;
         } else {
             // A file at either end is opened; should the writer split it
             // meanwhile, the file of its first instant in range is counted.

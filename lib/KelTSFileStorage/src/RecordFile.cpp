@@ -11,6 +11,7 @@
 #include <QFileInfo>
 #include <QtEndian>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -261,14 +262,9 @@ long long RecordFile::timestampAt(qint64 index)
 // reads is not worth taking for it.
 Interpolate::DataRecord RecordFile::recordAt(qint64 index)
 {
-    Interpolate::DataRecord rec;
-    uchar p[16] = {};
-    if (index < 0 || index >= count() ||
-        !readBytes(index * recordLayout.stride, reinterpret_cast<char*>(p), recordLayout.stride))
-        return rec;
-    rec.timestamp = baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth);
-    rec.value = valueOf(p + recordLayout.offsetWidth);
-    return rec;
+    if (index < 0 || index >= count())
+        return Interpolate::DataRecord();
+    return recordAtPosition(index * recordLayout.stride);
 }
 
 Interpolate::DataRecord RecordFile::recordPastEnd()
@@ -277,14 +273,18 @@ Interpolate::DataRecord RecordFile::recordPastEnd()
     return {baseTs, valueOf(zeros)};
 }
 
-qint64 RecordFile::probe(long long ts)
+qint64 RecordFile::probePosition(long long ts)
 {
+    const qint64 length = recordLayout.recordLength;
     qint64 lo = 0;
-    qint64 hi = count();
-    qint64 mid = -1;
+    qint64 hi = wholeBytes() / length;
+    qint64 probed = 0;
     while (lo < hi) {
-        mid = (lo + hi) >> 1;
-        const long long at = timestampAt(mid);
+        const qint64 mid = (lo + hi) >> 1;
+        probed = mid * length;
+        uchar p[8] = {};
+        readBytes(probed, reinterpret_cast<char*>(p), recordLayout.offsetWidth);
+        const long long at = baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth);
         if (at == ts)
             break;
         if (at < ts)
@@ -292,7 +292,31 @@ qint64 RecordFile::probe(long long ts)
         else
             hi = mid;
     }
-    return mid;
+    return probed;
+}
+
+qint64 RecordFile::lastPosition() const
+{
+    return std::max<qint64>(0, wholeBytes() - recordLayout.recordLength);
+}
+
+qint64 RecordFile::positionAfterRecordAt(qint64 position) const
+{
+    return position + std::clamp<qint64>(wholeBytes() - position, 0, recordLayout.stride);
+}
+
+Interpolate::DataRecord RecordFile::recordAtPosition(qint64 position)
+{
+    uchar p[16] = {};
+    const qint64 available = positionAfterRecordAt(position) - position;
+    if (available > 0 && !readBytes(position, reinterpret_cast<char*>(p), available))
+        return Interpolate::DataRecord();
+    // A field cut off by the end reads as zero, as the stream gives it.
+    if (available < recordLayout.offsetWidth)
+        std::memset(p, 0, sizeof p);
+    else if (available < recordLayout.stride)
+        std::memset(p + recordLayout.offsetWidth, 0, sizeof p - size_t(recordLayout.offsetWidth));
+    return {baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth), valueOf(p + recordLayout.offsetWidth)};
 }
 
 template <typename Before>

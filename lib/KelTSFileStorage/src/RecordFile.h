@@ -99,10 +99,27 @@ public:
     // the value of zero bytes (0, false, or a side file's first value).
     Interpolate::DataRecord recordPastEnd();
 
-    // The index the storage's binary search probes last for a timestamp: the
-    // exact match when there is one, else a neighbour of its place; -1 for an
-    // empty file.
-    qint64 probe(long long ts);
+    // Lookups move through a file by byte positions in steps of the record
+    // length (offset width plus the type's data length), as the format has
+    // always computed them. For every type but Float these are the starts
+    // of the records. A Float record takes 4 bytes more than that length
+    // says, so there the positions land inside records, and what is read
+    // there is what the format gives: a timestamp made of other bytes.
+    //
+    // The byte position the storage's binary search probes last for a
+    // timestamp: the exact match when there is one, else a neighbour of its
+    // place; 0 for an empty file.
+    qint64 probePosition(long long ts);
+    // Where the last record starts, counted back one record length from the
+    // end of the whole records; 0 for an empty file.
+    qint64 lastPosition() const;
+    // The record read at a byte position; a field that lies past the end of
+    // the whole records reads as zero bytes.
+    Interpolate::DataRecord recordAtPosition(qint64 position);
+    // Where a read of one record from position leaves the file.
+    qint64 positionAfterRecordAt(qint64 position) const;
+    // Bytes of the whole records.
+    qint64 wholeBytes() const { return count() * recordLayout.stride; }
     // First index whose timestamp is not below ts (count() when none).
     qint64 lowerBound(long long ts);
     // First index whose timestamp is above ts (count() when none).
