@@ -405,3 +405,37 @@ TEST_F(FailingCall, SplitFileThatCannotBeOpenedIsLoggedByItsPlaceInTheTree)
     EXPECT_TRUE(sameRecords(read(), hourly(0, 12)));
 }
 
+// A listing broken off part-way names only some of the years, in the order
+// the directory gives them. The first and last lookups must then find
+// nothing, never a year that is not the first or the last: a delete took the
+// wrong last record for the end of the series, and removed every file after
+// its range. Whatever the order, with the second name cut off one of the two
+// lookups would get a wrong year. A lookup whose read fails finds nothing
+// either.
+TEST(BrokenListing, FirstAndLastLookupsFindNothingRatherThanAnotherFile)
+{
+    QTemporaryDir dir;
+    TSFileStorage series(dir.path(), QMetaType::Double, 1 << 30);
+    Records years;
+    for (int year = 2020; year < 2030; ++year)
+        years.push_back({ms(qPrintable(QStringLiteral("%1-06-01T00:00:00Z").arg(year))), double(year)});
+    ASSERT_TRUE(series.writeDataRecords(years, false, false));
+
+    int refused = 0;
+    for (const bool last : {false, true}) {
+        for (long long n = 1;; ++n) {
+            Record rec;
+            faults::arm({faults::Fault::Eio, n, false});
+            const bool ok = last ? series.getLastDataRecord(rec) : series.getFirstDataRecord(rec);
+            const bool fired = faults::fired();
+            faults::disarm();
+            if (!fired)
+                break;
+            refused += ok ? 0 : 1;
+            if (ok) {
+                EXPECT_EQ(rec.timestamp, (last ? years.back() : years.front()).timestamp) << "call " << n;
+            }
+        }
+    }
+    EXPECT_GT(refused, 0);
+}

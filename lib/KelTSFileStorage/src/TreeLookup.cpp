@@ -141,10 +141,12 @@ TSFileInfo TSDirControl::findFirstLastFile(bool first)
         return TSFileInfo();
     QString relDir;
     for (int level = 0; level < kMaxLevels; ++level) {
-        const QStringList names = detail::listTreeNames(dir.path(), !first);
+        bool complete = true;
+        const QStringList names = detail::listTreeNames(dir.path(), !first, &complete);
         // An empty directory on the way ends the search, even if other
-        // branches hold files.
-        if (names.isEmpty())
+        // branches hold files. A listing broken off finds nothing: the
+        // first or last of the names it got need not be the first or last.
+        if (names.isEmpty() || !complete)
             return TSFileInfo();
         const QFileInfo entry(dir.path() + u'/' + names.first());
         if (isFileEntry(entry))
@@ -172,7 +174,12 @@ TSFileInfo TSDirControl::findPrevNextFile(TSFileInfo file, bool prev)
     while (!file.filePath().isEmpty()) {
         QDir dir(file.path());
         const QString relDir = file.getSubDir();
-        const QStringList names = detail::listTreeNames(dir.path(), prev);
+        bool complete = true;
+        const QStringList names = detail::listTreeNames(dir.path(), prev, &complete);
+        // A listing broken off ends the walk: the next name it got need not
+        // be the next one there is.
+        if (!complete)
+            return TSFileInfo();
         const QString name = file.fileName();
 
         qsizetype candidate = names.indexOf(name);
@@ -201,8 +208,8 @@ TSFileInfo TSDirControl::findPrevNextFile(TSFileInfo file, bool prev)
             for (int level = file.getDirDepth() + 1; level < kMaxLevels; ++level) {
                 entryRelDir += entryName + u'/';
                 const QDir sub(entryPath);
-                const QStringList subNames = detail::listTreeNames(sub.path(), prev);
-                if (subNames.isEmpty())
+                const QStringList subNames = detail::listTreeNames(sub.path(), prev, &complete);
+                if (subNames.isEmpty() || !complete)
                     return TSFileInfo();
                 entryName = subNames.first();
                 entryPath = sub.path() + u'/' + entryName;
