@@ -11,6 +11,7 @@
 #include "Series.h"
 #include "Terminal.h"
 #include "ValueText.h"
+#include "StorageNames.h"
 
 #include <QDataStream>
 #include <QDate>
@@ -163,19 +164,20 @@ private:
     void listOtherEntry(const QFileInfo& e, int level, const QStringList& parents)
     {
         const QString name = e.fileName();
-        auto stemIsLevelName = [&](const char* suffix) {
-            const QLatin1String s(suffix);
-            return name.endsWith(s) && isLevelName(name.chopped(s.size()), level, parents);
+        auto stemIsLevelName = [&](const QString& suffix) {
+            return name.endsWith(suffix) && isLevelName(name.chopped(suffix.size()), level, parents);
         };
-        if (level == 0 && name == QLatin1String(".spare"))
+        namespace names = Kel::detail::names;
+        if (level == 0 && name == QLatin1String(names::kSpareName))
             problems.add(e.filePath(), QStringLiteral("left by an interrupted batch write; the next write "
                                                       "among stored records removes it"));
-        else if (stemIsLevelName(".new.var") || stemIsLevelName(".new"))
+        else if (stemIsLevelName(names::sideFile(QLatin1String(names::kRewriteSuffix))) ||
+                 stemIsLevelName(QLatin1String(names::kRewriteSuffix)))
             problems.add(e.filePath(), QStringLiteral("left by an interrupted rewrite; the next access to the file "
                                                       "finishes or discards it"));
-        else if (stemIsLevelName(".split"))
+        else if (stemIsLevelName(QLatin1String(names::kSplitSuffix)))
             problems.add(e.filePath(), QStringLiteral("left by an interrupted split of the file"));
-        else if (stemIsLevelName(".var"))
+        else if (stemIsLevelName(QLatin1String(names::kSideFileSuffix)))
             checkSideFileOwner(e);
         else
             problems.add(e.filePath(), QStringLiteral("stray %1: not %2")
@@ -284,7 +286,7 @@ private:
     void checkVariableRecords(QDataStream& stream, const TSFileInfo& info, long long n, long long length,
                               RecordOrder& order)
     {
-        const QString sidePath = info.filePath() + QStringLiteral(".var");
+        const QString sidePath = Kel::detail::names::sideFile(info.filePath());
         QFile side(sidePath);
         if (!side.open(QIODevice::ReadOnly)) {
             problems.add(sidePath, QStringLiteral("side file missing or unreadable: the values of %1 records are lost").arg(n));
@@ -354,12 +356,8 @@ void checkSeries(const QString& dir, const QString& marker, QMetaType::Type type
 {
     auto storage = makeStorage(dir, type);
     checkStorage(*storage, problems, totals, false);
-    const struct {
-        const char* suffix;
-        QMetaType::Type type;
-    } companions[] = {{"P", QMetaType::LongLong}, {"O", QMetaType::QVariant}};
-    for (const auto& c : companions) {
-        const QString companionDir = dir + u'/' + marker + QLatin1String(c.suffix);
+    for (const Kel::detail::names::Companion& c : Kel::detail::names::kCompanions) {
+        const QString companionDir = dir + u'/' + marker + QLatin1String(c.marker);
         if (!QFileInfo(companionDir).isDir())
             continue;
         auto companion = makeStorage(companionDir, c.type);
@@ -375,8 +373,11 @@ void checkSeries(const QString& dir, const QString& marker, QMetaType::Type type
 void checkTopLevel(const QString& dir, const QStringList& markers, Problems& problems)
 {
     QSet<QString> known;
-    for (const QString& m : markers)
-        known << m << m + u'P' << m + u'O';
+    for (const QString& m : markers) {
+        known << m;
+        for (const Kel::detail::names::Companion& c : Kel::detail::names::kCompanions)
+            known << m + QLatin1String(c.marker);
+    }
     for (const QFileInfo& e : QDir(dir).entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot))
         if (!known.contains(e.fileName()))
             problems.add(e.filePath(), QStringLiteral("not part of a series: not a value type's directory "

@@ -3,6 +3,7 @@
 #include "FileTally.h"
 
 #include "Terminal.h"
+#include "StorageNames.h"
 
 #include <QFileInfo>
 #include <QStringList>
@@ -36,7 +37,7 @@ FileTally tallyFiles(Kel::TSFileStorage& storage)
             ++t.filesByDepth[depth];
         ++t.files;
         t.bytes += info.size();
-        const QFileInfo side(info.filePath() + QStringLiteral(".var"));
+        const QFileInfo side(Kel::detail::names::sideFile(info.filePath()));
         if (side.isFile()) {
             ++t.sideFiles;
             t.bytes += side.size();

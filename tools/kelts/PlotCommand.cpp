@@ -6,6 +6,7 @@
 #include "Plot.h"
 #include "Series.h"
 #include "ValueText.h"
+#include "RecordCodec.h"
 
 #include <QFile>
 #include <QDir>
@@ -93,7 +94,7 @@ int plot(const QStringList& args)
     const QString dir = cl.positional().at(0);
     const QMetaType::Type type = cl.valueType();
     const QString path = cl.required(QStringLiteral("out"));
-    if (isVariableValueType(type))
+    if (Kel::detail::isVariableType(type))
         cl.fail(QStringLiteral("%1 values cannot be drawn").arg(valueTypeName(type)));
     requireDirectory(dir);
     const ReadRequest r = requestFromOptions(cl, type, true);

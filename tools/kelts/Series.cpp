@@ -4,6 +4,7 @@
 
 #include "Terminal.h"
 #include "ValueText.h"
+#include "RecordCodec.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -106,7 +107,7 @@ void checkMethod(const CommandLine& cl, const ReadRequest& r, QMetaType::Type ty
                         .arg(r.param.method));
         return;
     }
-    if (isVariableValueType(type))
+    if (Kel::detail::isVariableType(type))
         cl.fail(QStringLiteral("%1 series are read raw only: leave out --interval").arg(valueTypeName(type)));
     const MethodReading reading = readMethod(r.param);
     const QString name = methodName(reading.method);
@@ -156,7 +157,7 @@ QMetaType::Type representativeType(const QString& marker)
 {
     for (const ValueType& t : valueTypes())
         if (markerOf(t.type) == marker)   // variable values show as JSON, which suits strings too
-            return isVariableValueType(t.type) ? QMetaType::QVariant : t.type;
+            return Kel::detail::isVariableType(t.type) ? QMetaType::QVariant : t.type;
     return QMetaType::QVariant;
 }
 

@@ -193,11 +193,6 @@ QString valueTypeNames()
     return names.join(QStringLiteral(", "));
 }
 
-bool isVariableValueType(QMetaType::Type type)
-{
-    return type == QMetaType::QString || type == QMetaType::QVariant;
-}
-
 bool parseValue(QStringView text, QMetaType::Type type, QVariant& value, QString& why)
 {
     switch (type) {

@@ -26,10 +26,6 @@ bool parseValueType(QStringView name, QMetaType::Type& type, QString& why);
 QString valueTypeName(QMetaType::Type type);
 QString valueTypeNames();   // "bool, char, ..." for messages
 
-// True for the types kept as variable values in side files (string,
-// variant): they are read raw only.
-bool isVariableValueType(QMetaType::Type type);
-
 // Parses the text of one value for a series of the given type. Integers
 // must fit the type, floats its range; bool takes true/false/1/0; string
 // takes the text as it is; variant takes a JSON value (42, "text",

@@ -15,6 +15,7 @@
 #include "RecordFile.h"
 #include "StoredRange.h"
 #include "TreeListing.h"
+#include "StorageNames.h"
 
 #include <QDir>
 
@@ -46,7 +47,7 @@ void removeEmptyUpwards(QDir dir)
 // Where a directory goes for its removal: a name no lookup sees.
 QString asidePath(const QString& dir)
 {
-    return dir + QStringLiteral(".deleted");
+    return detail::names::withSuffix(dir, detail::names::kDeletedSuffix);
 }
 
 // Removes a directory after taking it out of the tree in one rename.
@@ -118,7 +119,7 @@ void removeWithSideFile(const QString& path)
         return;
     }
     detail::diskStepDone();
-    const QString var = path + QStringLiteral(".var");
+    const QString var = detail::names::sideFile(path);
     if (!QFileInfo::exists(var))
         return;
     if (!QFile::remove(var))
@@ -289,8 +290,8 @@ try
 bool TSFileStorage::deleteDataRecords(long long start, long long end)
 {
     deleteDataRecords(start, end, QString());
-    deleteDataRecords(start, end, QStringLiteral("P"));
-    deleteDataRecords(start, end, QStringLiteral("O"));
+    for (const detail::names::Companion& companion : detail::names::kCompanions)
+        deleteDataRecords(start, end, QLatin1String(companion.marker));
     return true;
 }
 

@@ -10,6 +10,7 @@
 #include "DiskSteps.h"
 #include "Logging.h"
 #include "RecordFile.h"
+#include "StorageNames.h"
 
 #include <QDir>
 
@@ -28,7 +29,7 @@ bool splitIsDue(const QString& path, long long limit)
 {
     if (QFileInfo(path).size() > limit)
         return true;
-    const QFileInfo var(path + QStringLiteral(".var"));
+    const QFileInfo var(detail::names::sideFile(path));
     // The side file may grow to ten times the limit before it forces a split.
     return var.exists() && limit < var.size() / 10;
 }
@@ -46,7 +47,7 @@ bool replaceFileByDirectory(const QString& dirPath, const QString& filePath)
         detail::diskStepDone();
         return true;
     }
-    const QByteArray aside = file + ".old";
+    const QByteArray aside = file + detail::names::kSplitAsideSuffix;
     if (std::rename(file.constData(), aside.constData()) != 0)
         return false;
     detail::diskStepDone();
@@ -67,7 +68,7 @@ void removeFileLeftBySplit(const TSFileInfo& info)
 {
     if (info.getDirDepth() == TSFileInfo::DEPTH_YEAR)
         return;
-    const QString left = info.absolutePath() + QStringLiteral(".split");
+    const QString left = detail::names::withSuffix(info.absolutePath(), detail::names::kSplitSuffix);
     if (QFileInfo(left).isFile())
         QFile::remove(left);
 }
@@ -138,7 +139,7 @@ private:
             return false;
         }
         var.reset(layout.variable
-                      ? new detail::VarFileWriter(storage, file->fileName() + QStringLiteral(".var"))
+                      ? new detail::VarFileWriter(storage, detail::names::sideFile(file->fileName()))
                       : nullptr);
         return true;
     }
@@ -201,7 +202,7 @@ try
 
     // A split that was stopped leaves its work directory behind, or, when it
     // stopped right after the swap, the old file under that name.
-    const QString workDir = path + QStringLiteral(".split");
+    const QString workDir = detail::names::withSuffix(path, detail::names::kSplitSuffix);
     if (QFileInfo(workDir).isFile())
         QFile::remove(workDir);
     QDir(workDir).removeRecursively();
@@ -226,7 +227,7 @@ try
         QDir(workDir).removeRecursively();
         return false;
     }
-    QFile::remove(path + QStringLiteral(".var"));
+    QFile::remove(detail::names::sideFile(path));
     detail::diskStepDone();
     return true;
 } catch (...) {
@@ -239,7 +240,7 @@ try
 {
     const QString path = file->fileName();
     detail::storageLog(detail::LOG_PROGRESS, QStringLiteral("Reorganize .var file '%1'"), __LINE__)
-        .arg(path + QStringLiteral(".var"))
+        .arg(detail::names::sideFile(path))
         .endl();
 
     detail::RecordFile source(*this, info);
@@ -252,7 +253,7 @@ try
     }
     // Records of fixed length written again would be the same bytes: only a
     // side file left beside them goes, as the rewrite would remove it.
-    const QString sideFile = path + QStringLiteral(".var");
+    const QString sideFile = detail::names::sideFile(path);
     if (!source.layout().variable && source.tailBytes() == 0) {
         source.close();
         if (QFileInfo::exists(sideFile))

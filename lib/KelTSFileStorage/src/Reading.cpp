@@ -11,6 +11,7 @@
 #include "Logging.h"
 #include "MarkerStorage.h"
 #include "RecordFile.h"
+#include "StorageNames.h"
 
 #include <algorithm>
 #include <utility>
@@ -266,7 +267,7 @@ try
         resultCount = 0;
     } else {
         feedPreviousRecord(*storage.get(), engine, readStart);
-        RangeWalk(*this, *storage.get(), engine, out, marker == QLatin1String("P"), readStart, readEnd)
+        RangeWalk(*this, *storage.get(), engine, out, marker == QLatin1String(detail::names::kBackfillLog), readStart, readEnd)
             .run();
     }
     engine.finalize();
@@ -292,14 +293,14 @@ bool TSFileStorage::readDataRecords(Interpolate::InterpolateParam param,
     // and the caller's count ends as the last of them leaves it.
     if (pRecords) {
         readDataRecordsInt(param, params, start, end, *pRecords, labelAtIntervalStart, resultCount,
-                           QStringLiteral("P"), false);
+                           QLatin1String(detail::names::kBackfillLog), false);
         std::stable_sort(pRecords->begin(), pRecords->end(),
                          [](const Record& a, const Record& b) { return a.timestamp < b.timestamp; });
     }
     if (oMap) {
         std::vector<Record> replaced;
         readDataRecordsInt(param, params, start, end, replaced, labelAtIntervalStart, resultCount,
-                           QStringLiteral("O"), false);
+                           QLatin1String(detail::names::kOverwrittenValues), false);
         for (Record& r : replaced)
             (*oMap)[r.timestamp] = std::move(r.value);
     }
@@ -314,9 +315,9 @@ long long TSFileStorage::getCount(Interpolate::InterpolateParam param,
     if (own)
         total += getCountInt(param, params, start, end, QString());
     if (withP)
-        total += getCountInt(param, params, start, end, QStringLiteral("P"));
+        total += getCountInt(param, params, start, end, QLatin1String(detail::names::kBackfillLog));
     if (withO)
-        total += getCountInt(param, params, start, end, QStringLiteral("O"));
+        total += getCountInt(param, params, start, end, QLatin1String(detail::names::kOverwrittenValues));
     return total;
 }
 

@@ -29,8 +29,19 @@ class TSFileStorage;
 namespace Kel::detail {
 
 // The value types that have a value field of their own; every other type is
-// kept in the side file (marker "V").
-bool isVariableType(QMetaType::Type type);
+// kept in the side file (marker "V"). Inline: the tool asks it too.
+inline bool isVariableType(QMetaType::Type type)
+{
+    switch (type) {
+    case QMetaType::Bool: case QMetaType::Int: case QMetaType::UInt:
+    case QMetaType::LongLong: case QMetaType::ULongLong: case QMetaType::Double:
+    case QMetaType::Short: case QMetaType::Char: case QMetaType::UShort:
+    case QMetaType::UChar: case QMetaType::Float:
+        return false;
+    default:
+        return true;
+    }
+}
 QString markerOf(QMetaType::Type type);
 int dataLengthOf(QMetaType::Type type);
 int offsetWidthOf(int depth);

@@ -7,6 +7,7 @@
 #include "Logging.h"
 #include "PathKind.h"
 #include "TSFileStorage.h"
+#include "StorageNames.h"
 
 #include <QFileInfo>
 #include <QtEndian>
@@ -444,7 +445,7 @@ bool RecordFile::appendInRange(qint64 from, qint64 n, long long lo, long long hi
 
 QString rewritePath(const QString& path)
 {
-    return path + QStringLiteral(".new");
+    return names::withSuffix(path, names::kRewriteSuffix);
 }
 
 namespace {
@@ -516,10 +517,6 @@ bool renameOver(const QString& from, const QString& to)
     return renamed;
 }
 
-QString sideFileOf(const QString& path)
-{
-    return path + QStringLiteral(".var");
-}
 
 } // namespace
 
@@ -539,7 +536,7 @@ bool heldHereOnly(int fd)
 } // namespace
 
 SpareFile::SpareFile(const QString& seriesDir)
-    : path(QFile::encodeName(seriesDir + QStringLiteral(".spare")))
+    : path(QFile::encodeName(seriesDir + QLatin1String(names::kSpareName)))
 {
 }
 
@@ -597,7 +594,7 @@ bool replaceFile(const QString& path, const char* data, qint64 size)
 bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const QByteArray& varData)
 {
     const QString temp = rewritePath(path);
-    const QString tempVar = sideFileOf(temp);
+    const QString tempVar = names::sideFile(temp);
     // The storage file is written first: while it exists beside the old one,
     // the replacement has not begun and recovery throws both away.
     if (!writeWhole(temp, data) || !writeWhole(tempVar, varData) || !renameOver(temp, path)) {
@@ -606,7 +603,7 @@ bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const Q
         return false;
     }
     // A reader that met the pair half renamed may have finished the rename.
-    return renameOver(tempVar, sideFileOf(path)) || pathKind(tempVar) == PathKind::Missing;
+    return renameOver(tempVar, names::sideFile(path)) || pathKind(tempVar) == PathKind::Missing;
 }
 
 // Which step a replacement stopped at is told by the names that stand; where
@@ -614,7 +611,7 @@ bool replaceFileAndSideFile(const QString& path, const QByteArray& data, const Q
 bool recoverRewrite(const QString& path)
 {
     const QString temp = rewritePath(path);
-    const QString tempVar = sideFileOf(temp);
+    const QString tempVar = names::sideFile(temp);
     switch (pathKind(temp)) {
     case PathKind::Missing:
         return finishRewrite(path);
@@ -632,14 +629,14 @@ bool finishRewrite(const QString& path)
     const PathKind temp = pathKind(rewritePath(path));
     if (temp != PathKind::Missing)
         return temp != PathKind::Unknown;  // not begun: the writer's to finish or undo
-    const QString tempVar = sideFileOf(rewritePath(path));
+    const QString tempVar = names::sideFile(rewritePath(path));
     switch (pathKind(tempVar)) {
     case PathKind::Missing:
         return true;
     case PathKind::Unknown:
         return false;
     default:
-        return renameOver(tempVar, sideFileOf(path));
+        return renameOver(tempVar, names::sideFile(path));
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include "RecordCodec.h"
 #include "TSFileInfo.h"
+#include "StorageNames.h"
 
 #include <QByteArray>
 #include <QFile>
@@ -81,7 +82,7 @@ public:
     const RecordLayout& layout() const { return recordLayout; }
     long long base() const { return baseTs; }
     QString path() const { return fileInfo.filePath(); }
-    QString varPath() const { return fileInfo.filePath() + QStringLiteral(".var"); }
+    QString varPath() const { return names::sideFile(fileInfo.filePath()); }
 
     qint64 size() const { return fileSize; }
     // Whether a read or write of the file or of its side file failed since

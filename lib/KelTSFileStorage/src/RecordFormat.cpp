@@ -8,6 +8,7 @@
 #include "Logging.h"
 #include "PathKind.h"
 #include "RecordCodec.h"
+#include "StorageNames.h"
 
 #include <QBuffer>
 #include <QFileInfo>
@@ -20,19 +21,6 @@
 namespace Kel {
 
 namespace detail {
-
-bool isVariableType(QMetaType::Type type)
-{
-    switch (type) {
-    case QMetaType::Bool: case QMetaType::Int: case QMetaType::UInt:
-    case QMetaType::LongLong: case QMetaType::ULongLong: case QMetaType::Double:
-    case QMetaType::Short: case QMetaType::Char: case QMetaType::UShort:
-    case QMetaType::UChar: case QMetaType::Float:
-        return false;
-    default:
-        return true;
-    }
-}
 
 QString markerOf(QMetaType::Type type)
 {
@@ -352,7 +340,7 @@ void TSFileStorage::writeDataRecord(QDataStream& stream, Interpolate::DataRecord
         detail::encodeValue(field, rec.value, valueType);
     } else {
         auto* device = qobject_cast<QFileDevice*>(stream.device());
-        const QString varPath = (device ? device->fileName() : QString()) + QStringLiteral(".var");
+        const QString varPath = detail::names::sideFile(device ? device->fileName() : QString());
         QFile varFile(varPath);
         if (device && openFile(varFile, QIODevice::WriteOnly | QIODevice::Append)) {
             detail::encodeVarPosition(field, qint32(varFile.size()));
@@ -401,7 +389,7 @@ Interpolate::DataRecord TSFileStorage::readCurrDataRecord(QDataStream& stream, l
         return rec;
     }
     auto* device = qobject_cast<QFileDevice*>(stream.device());
-    detail::VarFileReader var(*this, (device ? device->fileName() : QString()) + QStringLiteral(".var"));
+    detail::VarFileReader var(*this, detail::names::sideFile(device ? device->fileName() : QString()));
     rec.value = var.valueAt(detail::decodeVarPosition(field));
     return rec;
 }

@@ -7,6 +7,7 @@
 #include "Logging.h"
 #include "PathKind.h"
 #include "RecordCodec.h"
+#include "StorageNames.h"
 
 #include <QThread>
 
@@ -94,18 +95,13 @@ TSFileStorage* TSFileStorage::getReadFilestorageForMarker(QString marker)
     if (marker.isEmpty())
         return detail::isDirectoryPath(baseDir) ? this : nullptr;
 
-    QMetaType::Type companionType;
-    if (marker == QLatin1String("P"))
-        companionType = QMetaType::LongLong;
-    else if (marker == QLatin1String("O"))
-        companionType = QMetaType::QVariant;
-    else
+    const detail::names::Companion* companion = detail::names::companionOf(marker);
+    if (!companion)
         return nullptr;
-
-    const QString companionDir = baseDir.chopped(1) + marker + u'/';
+    const QString companionDir = detail::names::companionDir(baseDir, marker);
     if (!detail::isDirectoryPath(companionDir))
         return nullptr;
-    return new TSFileStorage(companionDir, companionType, maxFileSize);
+    return new TSFileStorage(companionDir, companion->type, maxFileSize);
 }
 
 } // namespace Kel

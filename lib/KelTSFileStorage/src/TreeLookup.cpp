@@ -8,6 +8,7 @@
 #include "Logging.h"
 #include "PathKind.h"
 #include "TreeListing.h"
+#include "StorageNames.h"
 
 #include <QDir>
 #include <QFile>
@@ -103,7 +104,7 @@ QStringList listTreeNames(const QString& dirPath, bool backward, bool* complete)
         if (entry->d_name[0] == '.')
             continue;
         const QString name = QFile::decodeName(entry->d_name);
-        if ((name.size() == 2 || name.size() == 4) && isFileOrDir(::dirfd(dir), entry))
+        if (detail::names::isTreeName(name) && isFileOrDir(::dirfd(dir), entry))
             names.append(name);
     }
     ::closedir(dir);

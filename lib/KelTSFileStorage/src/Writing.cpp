@@ -12,6 +12,7 @@
 #include "DiskSteps.h"
 #include "Logging.h"
 #include "RecordFile.h"
+#include "StorageNames.h"
 
 #include <Poco/DateTimeFormat.h>
 #include <Poco/DateTimeFormatter.h>
@@ -53,9 +54,9 @@ bool sortBatch(std::vector<Record>& records)
     return false;
 }
 
-QString companionDir(const TSFileStorage& series, const char* marker)
+QString companionDir(const TSFileStorage& series, const detail::names::Companion& companion)
 {
-    return series.baseDir.chopped(1) + QLatin1String(marker) + u'/';
+    return detail::names::companionDir(series.baseDir, QLatin1String(companion.marker));
 }
 
 // Logs back-filled timestamps in "P", an append-only series whose values are
@@ -65,7 +66,8 @@ QString companionDir(const TSFileStorage& series, const char* marker)
 // later, side by side.
 void logBackfill(TSFileStorage& series, const std::vector<long long>& backfilled)
 {
-    TSFileStorage log(companionDir(series, "P"), QMetaType::LongLong, series.maxFileSize);
+    TSFileStorage log(companionDir(series, detail::names::kBackfillLogCompanion), detail::names::kBackfillLogCompanion.type,
+                      series.maxFileSize);
     const long long now = detail::nowWholeSecondMs();
     std::vector<Record> existing;
     int limit = 1;
@@ -84,7 +86,8 @@ void logBackfill(TSFileStorage& series, const std::vector<long long>& backfilled
 // in one batch keeps the value that the second overwrite replaced.
 void logOverwritten(TSFileStorage& series, const std::vector<Record>& overwritten)
 {
-    TSFileStorage log(companionDir(series, "O"), QMetaType::QVariant, series.maxFileSize);
+    TSFileStorage log(companionDir(series, detail::names::kOverwrittenCompanion), detail::names::kOverwrittenCompanion.type,
+                      series.maxFileSize);
     const long long now = detail::nowMs();
     std::vector<Record> existing;
     int noLimit = 0;
