@@ -13,6 +13,7 @@
 #include "Logging.h"
 #include "MarkerStorage.h"
 #include "RecordFile.h"
+#include "FileReplace.h"
 #include "StoredRange.h"
 #include "TreeListing.h"
 #include "StorageNames.h"

@@ -21,6 +21,7 @@
 #include <cstring>
 #include <memory>
 #include <type_traits>
+#include <vector>
 
 namespace Kel {
 class TSFileStorage;
@@ -176,42 +177,6 @@ QVariant decodeValue(const uchar* p, QMetaType::Type type);
 void encodeVarPosition(uchar* p, qint32 position);
 qint32 decodeVarPosition(const uchar* p);
 
-// Reads one serialised value; corrupt or missing data gives an invalid
-// QVariant, never an exception.
-QVariant readVariant(QDataStream& stream);
-void writeVariant(QDataStream& stream, const QVariant& value);
-
-// Values of one side file, read at their positions. The file is opened on
-// first use and kept open while one storage file is read.
-class VarFileReader {
-public:
-    VarFileReader(TSFileStorage& storage, QString varPath);
-    ~VarFileReader();
-    VarFileReader(const VarFileReader&) = delete;
-    VarFileReader& operator=(const VarFileReader&) = delete;
-
-    // The value at a position; a position past the end or a corrupt value
-    // gives an invalid QVariant and is logged.
-    QVariant valueAt(qint32 position);
-    // Whether values could not be read because the system refused the side
-    // file (not because it is missing or damaged).
-    bool refusedBySystem() const { return refused; }
-
-private:
-    QVariant unreadable(qint32 position, const char* why);
-    qint64 currentSize();
-    QVariant readAt(qint32 position);
-
-    TSFileStorage& storage;
-    QString path;
-    std::unique_ptr<QFile> file;
-    std::unique_ptr<QDataStream> stream;
-    qint64 size = 0;  // as last asked; a writer may append meanwhile
-    bool failed = false;
-    bool refused = false;
-    bool reported = false;
-};
-
 // Where encoded records put the values of variable types: each value is
 // serialised and its position in the side file handed back.
 class VarSink {
@@ -220,43 +185,32 @@ public:
     virtual qint32 append(const QVariant& value) = 0;
 };
 
-// Serialised values in memory, positioned as if appended to a side file of
-// startSize bytes.
-class VarBuffer : public VarSink {
+// Encodes records of one file into bytes; values of variable types go to the
+// side file through the given sink.
+class RecordEncoder {
 public:
-    explicit VarBuffer(qint64 startSize = 0);
-    qint32 append(const QVariant& value) override;
-    const QByteArray& bytes() const { return data; }
+    RecordEncoder(const RecordLayout& layout, long long base, VarSink* var)
+        : layout(layout), base(base), var(var)
+    {
+    }
+    void encode(uchar* p, const Interpolate::DataRecord& rec) const;
+    void append(QByteArray& out, const Interpolate::DataRecord& rec) const;
 
 private:
-    qint64 startSize;
-    QByteArray data;
-    QDataStream stream;
+    RecordLayout layout;
+    long long base;
+    VarSink* var;
 };
 
-// Values appended to one side file. Positions are handed out at once; the
-// serialised values are written by flush(), before the records that refer to
-// them. When the side file cannot be opened the records get position 0.
-class VarFileWriter : public VarSink {
-public:
-    VarFileWriter(TSFileStorage& storage, QString varPath);
-    ~VarFileWriter() override;
-    VarFileWriter(const VarFileWriter&) = delete;
-    VarFileWriter& operator=(const VarFileWriter&) = delete;
-
-    qint32 append(const QVariant& value) override;
-    bool flush();
-    // Whether values were handed position 0 because the file would not open.
-    bool lostValues() const { return failed; }
-
-private:
-    bool open();
-
-    TSFileStorage& storage;
-    QString path;
-    std::unique_ptr<QFile> file;
-    std::unique_ptr<VarBuffer> buffer;
-    bool failed = false;
-};
+// The bulk loops over blocks of whole records of a fixed-length value type.
+// Encodes n records into out in one pass.
+void encodeFixed(const Interpolate::DataRecord* records, qint64 n, const RecordLayout& layout,
+                 long long base, uchar* out);
+// Decodes n records into out.
+void decodeFixed(const uchar* p, qint64 n, const RecordLayout& l, long long base, Interpolate::DataRecord* out);
+// Appends the records whose timestamps lie in [lo, hi] to out; true when one
+// above hi was met (and the rest of the block left alone).
+bool appendFixed(const uchar* p, qint64 n, const RecordLayout& l, long long base, long long lo, long long hi,
+                 std::vector<Interpolate::DataRecord>& out);
 
 } // namespace Kel::detail

@@ -12,6 +12,7 @@
 #include "DiskSteps.h"
 #include "Logging.h"
 #include "RecordFile.h"
+#include "FileReplace.h"
 #include "StorageNames.h"
 
 #include <Poco/DateTimeFormat.h>
