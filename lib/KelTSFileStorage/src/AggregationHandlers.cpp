@@ -30,20 +30,11 @@ constexpr std::size_t kMaxModeValuesPerInterval = 1000000;
 
 constexpr double kNoValue = std::numeric_limits<double>::quiet_NaN();
 
-// Moves past every boundary at or before ts without delivering anything.
-void skipIntervalsThrough(Interpolate& e, long long ts)
-{
-    if (e.intervalMs > 0 && ts >= e.intervalNext)
-        e.intervalNext += (ts - e.intervalNext) / e.intervalMs * e.intervalMs;
-    while (ts >= e.intervalNext)
-        e.incIntervalNextTimestamp();
-}
-
 // The intervals that end at or before ts and hold no record.
 void closeEmptyIntervalsThrough(Interpolate& e, long long ts)
 {
     if (!e.fill) {
-        skipIntervalsThrough(e, ts);
+        detail::skipIntervalsThrough(e, ts);
         return;
     }
     while (ts >= e.intervalNext) {
@@ -80,98 +71,6 @@ inline void collectPerInterval(Interpolate& e, const DataRecord& record, long lo
     add(record);
 }
 
-// PREV, NEXT and PREV_NEXT sample the series at each interval end B: the
-// value held at B is the last record at or before it, the next value the
-// first record at or after it. previousRecord is the last record seen, so the
-// interval ending at B held a record exactly when previousRecord lies in it.
-enum class Sample { Held, Following, Both };
-
-bool previousRecordInCurrentInterval(const Interpolate& e)
-{
-    return e.previousRecord.value.isValid() && e.previousRecord.timestamp >= e.intervalStart
-           && e.previousRecord.timestamp < e.intervalNext;
-}
-
-// Without fill, intervals without records yield nothing: move on to the next
-// one that can yield, the one that holds previousRecord when that is not
-// behind (a linear read starts from a record it kept), else the one ts falls in.
-void skipToIntervalWithData(Interpolate& e, long long ts)
-{
-    const DataRecord& previous = e.previousRecord;
-    const bool previousNotBehind = previous.value.isValid() && previous.timestamp >= e.intervalStart;
-    skipIntervalsThrough(e, previousNotBehind ? std::min(previous.timestamp, ts) : ts);
-}
-
-// The value held at the interval end: the record at the end itself, else the
-// last one before it (null when the engine has seen none).
-const DataRecord* heldAt(const Interpolate& e, const DataRecord& record, bool hasValue, long long end)
-{
-    if (hasValue && record.timestamp == end)
-        return &record;
-    return e.previousRecord.value.isValid() ? &e.previousRecord : nullptr;
-}
-
-void closeSampledIntervals(Interpolate& e, DataRecord&& record, long long ts, Sample sample)
-{
-    const bool hasValue = record.value.isValid();  // false for finalize's closing record
-    // With no record held yet and none following, the intervals that end
-    // before ts yield nothing, filled or not: they are passed over at once
-    // rather than one by one, which over a long range never ends.
-    const bool yields = (sample != Sample::Following && e.previousRecord.value.isValid()) ||
-                        (sample != Sample::Held && hasValue);
-    if (!yields)
-        skipIntervalsThrough(e, ts - 1);
-    while (ts >= e.intervalNext) {
-        const long long end = e.intervalNext;
-        const bool hasData = previousRecordInCurrentInterval(e);
-        if (hasData || e.fill) {
-            const bool isNull = !hasData && e.fillNull;
-            const DataRecord* held = heldAt(e, record, hasValue, end);
-            if (sample != Sample::Following && held)
-                e.pushIntervalValue(end, held->value.toDouble(), isNull);
-            // The record that closes the interval is the first one at or after its end.
-            if (sample != Sample::Held && hasValue)
-                e.pushIntervalValue(sample == Sample::Both ? end + 1 : end, record.value.toDouble(), isNull);
-        }
-        e.incIntervalNextTimestamp();
-        if (!e.fill)
-            skipToIntervalWithData(e, ts);
-    }
-    if (hasValue)
-        e.previousRecord = std::move(record);
-}
-
-// With linear, each interval end B gets the value interpolated between the
-// last record before B and the first at or after it. An end before the first
-// record the engine knows takes that record's value.
-void closeInterpolatedIntervals(Interpolate& e, DataRecord&& record, long long ts)
-{
-    const DataRecord& previous = e.previousRecord;
-    while (ts >= e.intervalNext) {
-        const long long end = e.intervalNext;
-        const bool hasData = previousRecordInCurrentInterval(e);
-        if (hasData || e.fill) {
-            const double value = previous.timestamp <= end
-                                     ? e.linearInterpolate(previous.timestamp, previous.value.toDouble(), end,
-                                                           ts, record.value.toDouble())
-                                     : previous.value.toDouble();
-            e.pushIntervalValue(end, value, !hasData && e.fillNull);
-        }
-        e.incIntervalNextTimestamp();
-        if (!e.fill)
-            skipToIntervalWithData(e, ts);
-    }
-    e.previousRecord = std::move(record);
-}
-
-void samplingHandler(Interpolate& e, DataRecord&& record, long long ts, Sample sample)
-{
-    if (e.linear)
-        closeInterpolatedIntervals(e, std::move(record), ts);
-    else
-        closeSampledIntervals(e, std::move(record), ts, sample);
-}
-
 bool replacesKept(const QVariant& kept, double candidate, bool isMin)
 {
     if (kept.isNull())
@@ -193,7 +92,7 @@ void addToSumAt(Interpolate& e, long long t, double amount)
 {
     if (t <= e.intervalStart)
         return;
-    skipIntervalsThrough(e, t - 1);
+    detail::skipIntervalsThrough(e, t - 1);
     e.sum += amount;
 }
 
@@ -294,21 +193,6 @@ void Interpolate::handle_raw(DataRecord record, long long ts)
     checkLimit();
 }
 
-void Interpolate::handle_PREV_NEXT(DataRecord record, long long ts)
-{
-    samplingHandler(*this, std::move(record), ts, Sample::Both);
-}
-
-void Interpolate::handle_PREV(DataRecord record, long long ts)
-{
-    samplingHandler(*this, std::move(record), ts, Sample::Held);
-}
-
-void Interpolate::handle_NEXT(DataRecord record, long long ts)
-{
-    samplingHandler(*this, std::move(record), ts, Sample::Following);
-}
-
 // The minimum first, stamped at the interval's end, the maximum 1 ms later;
 // with average one value, their mean.
 void Interpolate::handle_MIN_MAX(DataRecord record, long long ts)
@@ -339,7 +223,7 @@ void Interpolate::handle_MIN_MAX(DataRecord record, long long ts)
             incIntervalNextTimestamp();
         }
     }
-    skipIntervalsThrough(*this, ts);
+    detail::skipIntervalsThrough(*this, ts);
     keptRecord = record;
     keptMaxRecord = std::move(record);
     recordCount = 1;
@@ -377,7 +261,7 @@ void Interpolate::handle_MINorMAX(DataRecord record, long long ts, bool isMin)
             incIntervalNextTimestamp();
         }
     }
-    skipIntervalsThrough(*this, ts);
+    detail::skipIntervalsThrough(*this, ts);
     keptRecord = std::move(record);
     recordCount = 1;
 }

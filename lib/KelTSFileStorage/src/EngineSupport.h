@@ -1,7 +1,7 @@
 // Pieces that several parts of the interpolation engine share: the messages
 // with which a handler ends a read or an interval's delivery, the count
-// record of count-only reads, and the plain values that a reader may add to
-// an interval.
+// record of count-only reads, the plain values that a reader may add to an
+// interval, and the step past intervals that yield nothing.
 #pragma once
 
 #include "Interpolate.h"
@@ -35,6 +35,16 @@ inline bool isLimitReached(const std::exception& e)
 // record lies in the read range and before intervalNext.
 using ValueAdder = void (*)(Interpolate& e, double value);
 ValueAdder valueAdderOf(const Interpolate& e);
+
+// Moves past every interval boundary at or before ts without delivering
+// anything.
+inline void skipIntervalsThrough(Interpolate& e, long long ts)
+{
+    if (e.intervalMs > 0 && ts >= e.intervalNext)
+        e.intervalNext += (ts - e.intervalNext) / e.intervalMs * e.intervalMs;
+    while (ts >= e.intervalNext)
+        e.incIntervalNextTimestamp();
+}
 
 // In count-only mode the first output record counts the results. at() keeps
 // the range check: counting into an empty vector is an error the entry

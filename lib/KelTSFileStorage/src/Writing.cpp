@@ -13,7 +13,7 @@
 #include "Logging.h"
 #include "RecordFile.h"
 #include "FileReplace.h"
-#include "StorageNames.h"
+#include "CompanionLogs.h"
 
 #include <Poco/DateTimeFormat.h>
 #include <Poco/DateTimeFormatter.h>
@@ -53,50 +53,6 @@ bool sortBatch(std::vector<Record>& records)
     if (!std::is_sorted(records.begin(), records.end(), batchLess))
         std::stable_sort(records.begin(), records.end(), batchLess);
     return false;
-}
-
-QString companionDir(const TSFileStorage& series, const detail::names::Companion& companion)
-{
-    return detail::names::companionDir(series.baseDir, QLatin1String(companion.marker));
-}
-
-// Logs back-filled timestamps in "P", an append-only series whose values are
-// the timestamps of the series that were written at or before its end, stamped
-// with the time of the write (to the second). The first gets that time, or one
-// ms later when "P" already holds a record at or after it; all others one ms
-// later, side by side.
-void logBackfill(TSFileStorage& series, const std::vector<long long>& backfilled)
-{
-    TSFileStorage log(companionDir(series, detail::names::kBackfillLogCompanion), detail::names::kBackfillLogCompanion.type,
-                      series.maxFileSize);
-    const long long now = detail::nowWholeSecondMs();
-    std::vector<Record> existing;
-    int limit = 1;
-    log.readDataRecords(Interpolate::InterpolateParam(), {}, now, TSFileStorage::TS_LAST_RECORD,
-                        existing, false, limit);
-    std::vector<Record> records;
-    records.reserve(backfilled.size());
-    for (size_t i = 0; i < backfilled.size(); ++i)
-        records.push_back({now + (i == 0 && existing.empty() ? 0 : 1), QVariant(qlonglong(backfilled[i]))});
-    log.writeDataRecordsInt(std::move(records), false, false, true);
-}
-
-// Keeps replaced values in "O": one record per write time (ms), holding a map
-// from the decimal timestamp of each overwritten record to the value it held
-// before. Each overwrite adds its entry in turn: a record overwritten twice
-// in one batch keeps the value that the second overwrite replaced.
-void logOverwritten(TSFileStorage& series, const std::vector<Record>& overwritten)
-{
-    TSFileStorage log(companionDir(series, detail::names::kOverwrittenCompanion), detail::names::kOverwrittenCompanion.type,
-                      series.maxFileSize);
-    const long long now = detail::nowMs();
-    std::vector<Record> existing;
-    int noLimit = 0;
-    log.readDataRecords(Interpolate::InterpolateParam(), {}, now, now, existing, false, noLimit);
-    QVariantMap replaced = existing.empty() ? QVariantMap() : existing.front().value.toMap();
-    for (const Record& r : overwritten)
-        replaced.insert(QString::number(r.timestamp, 10), r.value);
-    log.writeDataRecordsInt({{now, QVariant(replaced)}}, false, false, false);
 }
 
 QString isoTime(long long ms)
@@ -525,9 +481,9 @@ try
     }
 
     if (!backfilled.empty())
-        logBackfill(*this, backfilled);
+        detail::logBackfill(*this, backfilled);
     if (!overwritten.empty())
-        logOverwritten(*this, overwritten);
+        detail::logOverwritten(*this, overwritten);
     return allPlaced;
 } catch (...) {
     detail::logCaughtException("writeDataRecords");
