@@ -218,7 +218,7 @@ try
         ok = source.readRaw(from, n, block.data());
         const auto* p = reinterpret_cast<const uchar*>(block.constData());
         for (qint64 i = 0; ok && i < n; ++i, p += stride)
-            ok = splitter.add(source.base() + (long long)detail::decodeOffset(p, offsetWidth), p + offsetWidth);
+            ok = splitter.add(detail::decodeTimestamp(p, offsetWidth, source.base()), p + offsetWidth);
     }
     ok = splitter.finish() && ok && !source.failed();
     source.close();

@@ -37,7 +37,7 @@ __attribute__((noinline)) qint64 addToInterval(const uchar* p, qint64 n, const d
 {
     const long long next = e.intervalNext;  // the adders leave it alone
     for (qint64 i = 0; i < n; ++i, p += l.stride) {
-        const long long ts = base + (long long)detail::decodeOffset(p, l.offsetWidth);
+        const long long ts = detail::decodeTimestamp(p, l.offsetWidth, base);
         if (ts < lo || ts > hi || ts >= next)
             return i;
         add(e, detail::decodeAsDouble(p + l.offsetWidth, l.type));
@@ -129,7 +129,7 @@ private:
                         break;
                 }
                 const uchar* r = p + i * l.stride;
-                take(Record{file.base() + (long long)detail::decodeOffset(r, l.offsetWidth),
+                take(Record{detail::decodeTimestamp(r, l.offsetWidth, file.base()),
                             file.valueOf(r + l.offsetWidth)});
             }
             return !stopped;

@@ -129,7 +129,7 @@ __attribute__((noinline)) void decodeFixed(const uchar* p, qint64 n, const Recor
                                            long long base, Interpolate::DataRecord* out)
 {
     for (qint64 i = 0; i < n; ++i, p += l.stride) {
-        out[i].timestamp = base + (long long)decodeOffset(p, l.offsetWidth);
+        out[i].timestamp = decodeTimestamp(p, l.offsetWidth, base);
         out[i].value = decodeValue(p + l.offsetWidth, l.type);
     }
 }
@@ -144,7 +144,7 @@ __attribute__((noinline)) bool appendFixed(const uchar* p, qint64 n, const Recor
                                            std::vector<Interpolate::DataRecord>& out)
 {
     for (qint64 i = 0; i < n; ++i, p += l.stride) {
-        const long long ts = base + (long long)decodeOffset(p, l.offsetWidth);
+        const long long ts = decodeTimestamp(p, l.offsetWidth, base);
         if (ts > hi)
             return true;
         if (ts < lo)

@@ -102,6 +102,50 @@ inline unsigned long long decodeOffset(const uchar* p, int width)
     }
 }
 
+// A record's timestamp: its file's base plus the offset at p.
+inline long long decodeTimestamp(const uchar* p, int width, long long base)
+{
+    return base + (long long)decodeOffset(p, width);
+}
+
+// The storage's binary search: the first index in [lo, hi) whose timestamp
+// (timestampAt(i)) does not pass before(), hi when none.
+template <typename TimestampAt, typename Before>
+qint64 firstIndexNotBefore(qint64 lo, qint64 hi, TimestampAt timestampAt, Before before)
+{
+    while (lo < hi) {
+        const qint64 mid = (lo + hi) >> 1;
+        if (before(timestampAt(mid)))
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    return lo;
+}
+
+// The format's own search for a timestamp among count records, as lookups
+// have always probed: it halves the range until a probe meets ts or the
+// range closes, and answers the index it probed last (the match when there
+// is one, else a neighbour of ts's place); -1 when count is 0.
+template <typename TimestampAt>
+qint64 lastProbedIndex(qint64 count, TimestampAt timestampAt, long long ts)
+{
+    qint64 lo = 0;
+    qint64 hi = count;
+    qint64 probed = -1;
+    while (lo < hi) {
+        probed = (lo + hi) >> 1;
+        const long long at = timestampAt(probed);
+        if (at == ts)
+            break;
+        if (at < ts)
+            lo = probed + 1;
+        else
+            hi = probed;
+    }
+    return probed;
+}
+
 // Calls f with the offset width as a std::integral_constant, for loops over
 // the records of one file.
 template <typename F>

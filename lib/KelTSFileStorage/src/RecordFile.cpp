@@ -173,7 +173,7 @@ long long RecordFile::timestampAt(qint64 index)
 {
     uchar p[8] = {};
     readBytes(index * recordLayout.stride, reinterpret_cast<char*>(p), recordLayout.offsetWidth);
-    return baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth);
+    return decodeTimestamp(p, recordLayout.offsetWidth, baseTs);
 }
 
 // One record through a buffer of its own size: the block buffer of bulk
@@ -194,23 +194,12 @@ Interpolate::DataRecord RecordFile::recordPastEnd()
 qint64 RecordFile::probePosition(long long ts)
 {
     const qint64 length = recordLayout.recordLength;
-    qint64 lo = 0;
-    qint64 hi = wholeBytes() / length;
-    qint64 probed = 0;
-    while (lo < hi) {
-        const qint64 mid = (lo + hi) >> 1;
-        probed = mid * length;
+    const auto timestampAtPosition = [&](qint64 i) {
         uchar p[8] = {};
-        readBytes(probed, reinterpret_cast<char*>(p), recordLayout.offsetWidth);
-        const long long at = baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth);
-        if (at == ts)
-            break;
-        if (at < ts)
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
-    return probed;
+        readBytes(i * length, reinterpret_cast<char*>(p), recordLayout.offsetWidth);
+        return decodeTimestamp(p, recordLayout.offsetWidth, baseTs);
+    };
+    return std::max<qint64>(0, lastProbedIndex(wholeBytes() / length, timestampAtPosition, ts)) * length;
 }
 
 qint64 RecordFile::lastPosition() const
@@ -234,32 +223,19 @@ Interpolate::DataRecord RecordFile::recordAtPosition(qint64 position)
         std::memset(p, 0, sizeof p);
     else if (available < recordLayout.stride)
         std::memset(p + recordLayout.offsetWidth, 0, sizeof p - size_t(recordLayout.offsetWidth));
-    return {baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth), valueOf(p + recordLayout.offsetWidth)};
-}
-
-template <typename Before>
-qint64 RecordFile::firstNotBefore(Before before)
-{
-    qint64 lo = 0;
-    qint64 hi = count();
-    while (lo < hi) {
-        const qint64 mid = (lo + hi) >> 1;
-        if (before(timestampAt(mid)))
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
-    return lo;
+    return {decodeTimestamp(p, recordLayout.offsetWidth, baseTs), valueOf(p + recordLayout.offsetWidth)};
 }
 
 qint64 RecordFile::lowerBound(long long ts)
 {
-    return firstNotBefore([ts](long long at) { return at < ts; });
+    return firstIndexNotBefore(0, count(), [this](qint64 i) { return timestampAt(i); },
+                               [ts](long long at) { return at < ts; });
 }
 
 qint64 RecordFile::upperBound(long long ts)
 {
-    return firstNotBefore([ts](long long at) { return at <= ts; });
+    return firstIndexNotBefore(0, count(), [this](qint64 i) { return timestampAt(i); },
+                               [ts](long long at) { return at <= ts; });
 }
 
 bool RecordFile::readRaw(qint64 from, qint64 n, char* out)
@@ -330,7 +306,7 @@ qint64 RecordFile::readRecords(qint64 from, qint64 n, Interpolate::DataRecord* o
             return true;
         }
         for (qint64 i = 0; i < size; ++i, p += recordLayout.stride) {
-            out[done + i].timestamp = baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth);
+            out[done + i].timestamp = decodeTimestamp(p, recordLayout.offsetWidth, baseTs);
             out[done + i].value = valueOf(p + recordLayout.offsetWidth);
         }
         return true;
@@ -349,7 +325,7 @@ bool RecordFile::appendInRange(qint64 from, qint64 n, long long lo, long long hi
         if (!recordLayout.variable)
             return !appendFixed(p, size, recordLayout, baseTs, lo, hi, out);
         for (qint64 i = 0; i < size; ++i, p += recordLayout.stride) {
-            const long long ts = baseTs + (long long)decodeOffset(p, recordLayout.offsetWidth);
+            const long long ts = decodeTimestamp(p, recordLayout.offsetWidth, baseTs);
             if (ts > hi)
                 return false;
             if (ts >= lo)

@@ -133,10 +133,6 @@ public:
     bool dropTail();
 
 private:
-    // First index whose timestamp does not pass before() (count() when none).
-    template <typename Before>
-    qint64 firstNotBefore(Before before);
-
     bool openAsIs(QIODevice::OpenMode mode);
     bool learnSize();
     void noteFailure(const char* call);

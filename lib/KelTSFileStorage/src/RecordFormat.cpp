@@ -90,7 +90,7 @@ Interpolate::DataRecord TSFileStorage::readCurrDataRecord(QDataStream& stream, l
         std::memset(buf + layout.offsetWidth, 0, sizeof buf - size_t(layout.offsetWidth));
 
     Interpolate::DataRecord rec;
-    rec.timestamp = baseTs + (long long)detail::decodeOffset(buf, layout.offsetWidth);
+    rec.timestamp = detail::decodeTimestamp(buf, layout.offsetWidth, baseTs);
     const uchar* field = buf + layout.offsetWidth;
     if (!layout.variable) {
         rec.value = detail::decodeValue(field, valueType);
@@ -118,22 +118,11 @@ long long TSFileStorage::seekToTsOffsetPos(QDataStream& stream, long long fileSi
 {
     QIODevice* device = stream.device();
     const long long length = tsOffsetLength + dataLength;
-    const long long count = length > 0 ? fileSize / length : 0;
-    if (count > 0) {
-        long long lo = 0;
-        long long hi = count;
-        do {
-            const long long mid = (lo + hi) >> 1;
-            device->seek(mid * length);
-            const long long offset = readCurrTsOffset(stream, depth);
-            if (offset == tsOffset)
-                break;
-            if (offset < tsOffset)
-                lo = mid + 1;
-            else
-                hi = mid;
-        } while (lo < hi);
-    }
+    const auto offsetAt = [&](qint64 i) {
+        device->seek(i * length);
+        return readCurrTsOffset(stream, depth);
+    };
+    detail::lastProbedIndex(length > 0 ? fileSize / length : 0, offsetAt, tsOffset);
     // Back to the start of the record probed last. Before the first record
     // there is nowhere to go back to, and the device stays where it is.
     const long long back = device->pos() - tsOffsetLength;

@@ -293,15 +293,8 @@ private:
 
     qint64 lowerBoundFrom(qint64 lo, long long ts)
     {
-        qint64 hi = file.count();
-        while (lo < hi) {
-            const qint64 mid = (lo + hi) >> 1;
-            if (storedTimestamp(mid) < ts)
-                lo = mid + 1;
-            else
-                hi = mid;
-        }
-        return lo;
+        return detail::firstIndexNotBefore(lo, file.count(), [this](qint64 i) { return storedTimestamp(i); },
+                                           [ts](long long at) { return at < ts; });
     }
 
     // The stored records in memory: the file mapped, or where it cannot be,
@@ -325,7 +318,7 @@ private:
     {
         if (!isLoaded)
             return file.timestampAt(index);
-        return file.base() + (long long)detail::decodeOffset(loadedRecord(index), file.layout().offsetWidth);
+        return detail::decodeTimestamp(loadedRecord(index), file.layout().offsetWidth, file.base());
     }
 
     // Copies the bytes of stored records [from, from + n) to out.
