@@ -198,10 +198,9 @@ TEST_F(RecordFormat, FastDoublesAreWhatTheVariantsGive)
 
 TEST_F(RecordFormat, SideFileValuesAreFoundInAnyOrderAndAfterTheFileGrew)
 {
-    TSFileStorage storage = storageOf(QMetaType::QString);
     const QString var = path + QStringLiteral(".var");
     const auto append = [&](const QStringList& values) {
-        Kel::detail::VarFileWriter writer(storage, var);
+        Kel::detail::VarFileWriter writer(var);
         std::vector<qint32> positions;
         for (const QString& v : values)
             positions.push_back(writer.append(QVariant(v)));
@@ -210,7 +209,7 @@ TEST_F(RecordFormat, SideFileValuesAreFoundInAnyOrderAndAfterTheFileGrew)
     };
     const std::vector<qint32> first = append({QStringLiteral("a"), QStringLiteral("bb"), QStringLiteral("ccc")});
 
-    Kel::detail::VarFileReader reader(storage, var);
+    Kel::detail::VarFileReader reader(var);
     EXPECT_EQ(reader.valueAt(first[0]).toString(), QStringLiteral("a"));
     EXPECT_EQ(reader.valueAt(first[2]).toString(), QStringLiteral("ccc"));
     EXPECT_EQ(reader.valueAt(first[1]).toString(), QStringLiteral("bb"));

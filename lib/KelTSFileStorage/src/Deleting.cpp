@@ -238,7 +238,7 @@ try
             removeWhole(info);
             continue;
         }
-        detail::RecordFile file(*storage.get(), info);
+        detail::RecordFile file(storage->valueType, info);
         if (!file.openToChange(QIODevice::ReadOnly)) {
             detail::storageLog(detail::LOG_FAILURE,
                                QStringLiteral("Could not open '%1' for read (deleteDataRecords)"), __LINE__)

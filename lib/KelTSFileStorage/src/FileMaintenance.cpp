@@ -9,7 +9,9 @@
 #include "Calendar.h"
 #include "DiskSteps.h"
 #include "Logging.h"
+#include "Disk.h"
 #include "RecordFile.h"
+#include "TreeNaming.h"
 #include "FileReplace.h"
 #include "StorageNames.h"
 
@@ -81,16 +83,15 @@ void removeFileLeftBySplit(const TSFileInfo& info)
 // only the offsets change width.
 class FileSplitter {
 public:
-    FileSplitter(TSFileStorage& storage, detail::RecordFile& source, const QString& workDir)
-        : storage(storage),
-          source(source),
+    FileSplitter(detail::RecordFile& source, const QString& workDir)
+        : source(source),
           finalDir(source.path()),
           workDir(workDir),
           subDir(source.info().getSubDir() + source.info().fileName() + u'/'),
           // The next finer depth: that of a file inside the new directory.
           targetDepth(TSFileInfo::DirDepth(
               TSFileInfo(QFileInfo(finalDir + QStringLiteral("/xx")), subDir).getDirDepth())),
-          layout(storage.valueType, targetDepth)
+          layout(source.layout().type, targetDepth)
     {
     }
 
@@ -118,7 +119,7 @@ public:
 private:
     bool switchTo(long long ts)
     {
-        const QString name = storage.getFileNameForDepth(detail::dateTimeOfMs(ts), targetDepth);
+        const QString name = detail::levelName(detail::dateTimeOfMs(ts), targetDepth);
         if (file && name == current)
             return true;  // a record outside the period of its name; it stays with its name
         if (!flush())
@@ -128,7 +129,7 @@ private:
         targetBase = target.getBaseTsMs();
         targetEnd = target.getPeriodEndTsMs();
         file = std::make_unique<QFile>(workDir + u'/' + name);
-        if (!storage.openFile(*file, QIODevice::WriteOnly | QIODevice::Append)) {
+        if (!detail::openRetrying(*file, QIODevice::WriteOnly | QIODevice::Append)) {
             // Named where the file will stand: the work directory is a
             // detail of the swap that the operator never sees.
             detail::storageLog(detail::LOG_FAILURE,
@@ -140,7 +141,7 @@ private:
             return false;
         }
         var.reset(layout.variable
-                      ? new detail::VarFileWriter(storage, detail::names::sideFile(file->fileName()))
+                      ? new detail::VarFileWriter(detail::names::sideFile(file->fileName()))
                       : nullptr);
         return true;
     }
@@ -168,7 +169,6 @@ private:
         return ok;
     }
 
-    TSFileStorage& storage;
     detail::RecordFile& source;
     QString finalDir;
     QString workDir;
@@ -192,7 +192,7 @@ try
     if (!splitIsDue(path, maxFileSize) || info.getDirDepth() >= TSFileInfo::DEPTH_MINUTE)
         return false;
 
-    detail::RecordFile source(*this, info);
+    detail::RecordFile source(valueType, info);
     if (!source.openToChange(QIODevice::ReadOnly)) {
         detail::storageLog(detail::LOG_FAILURE,
                            QStringLiteral("Could not open '%1' for read (checkMaxFileSize)"), __LINE__)
@@ -208,7 +208,7 @@ try
         QFile::remove(workDir);
     QDir(workDir).removeRecursively();
     QDir().mkpath(workDir);
-    FileSplitter splitter(*this, source, workDir);
+    FileSplitter splitter(source, workDir);
     const int stride = source.layout().stride;
     const int offsetWidth = source.layout().offsetWidth;
     QByteArray block(qsizetype(kBlockRecords) * stride, Qt::Uninitialized);
@@ -244,7 +244,7 @@ try
         .arg(detail::names::sideFile(path))
         .endl();
 
-    detail::RecordFile source(*this, info);
+    detail::RecordFile source(valueType, info);
     if (!source.openToChange(QIODevice::ReadOnly)) {
         detail::storageLog(detail::LOG_FAILURE,
                            QStringLiteral("Could not open '%1' for read (reorgVarFile)"), __LINE__)

@@ -21,7 +21,7 @@ template <typename Lookup>
 bool openForLookup(std::optional<detail::RecordFile>& file, TSFileStorage& storage, Lookup lookup,
                    const QString& failure, int line)
 {
-    const TSFileInfo info = detail::openLookedUp(file, storage, nullptr, lookup);
+    const TSFileInfo info = detail::openLookedUp(file, storage.valueType, nullptr, lookup);
     if (!info.found())
         return false;
     if (file->isOpen())

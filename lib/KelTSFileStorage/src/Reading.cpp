@@ -64,7 +64,7 @@ public:
     void run()
     {
         std::optional<detail::RecordFile> file;
-        TSFileInfo info = detail::openLookedUp(file, storage, &blocks, [this] {
+        TSFileInfo info = detail::openLookedUp(file, storage.valueType, &blocks, [this] {
             const TSFileInfo at = storage.findFile(readStart);
             return at.found() ? at : storage.findNextFile(at);
         });
@@ -81,7 +81,7 @@ public:
             if (stopped)
                 return;
             const TSFileInfo done = info;
-            info = detail::openLookedUp(file, storage, &blocks, [&] { return storage.findNextFile(done); });
+            info = detail::openLookedUp(file, storage.valueType, &blocks, [&] { return storage.findNextFile(done); });
         }
     }
 
@@ -203,7 +203,7 @@ long long rawCount(TSFileStorage& storage, long long start, long long end)
             // meanwhile, the file of its first instant in range is counted.
             std::optional<detail::RecordFile> file;
             bool first = true;
-            info = detail::openLookedUp(file, storage, nullptr, [&] {
+            info = detail::openLookedUp(file, storage.valueType, nullptr, [&] {
                 if (std::exchange(first, false))
                     return info;
                 const TSFileInfo at = storage.findFile(std::max(start, base));

@@ -23,10 +23,6 @@
 #include <type_traits>
 #include <vector>
 
-namespace Kel {
-class TSFileStorage;
-}
-
 namespace Kel::detail {
 
 // The value types that have a value field of their own; every other type is

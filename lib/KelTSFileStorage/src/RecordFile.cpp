@@ -6,7 +6,7 @@
 
 #include "DiskSteps.h"
 #include "Logging.h"
-#include "TSFileStorage.h"
+#include "Disk.h"
 #include "StorageNames.h"
 
 #include <QFileInfo>
@@ -40,10 +40,9 @@ uchar* BlockBuffer::reserve(qint64 bytes)
     return data.get();
 }
 
-RecordFile::RecordFile(TSFileStorage& storage, TSFileInfo info, BlockBuffer* blocks)
-    : storage(storage),
-      fileInfo(std::move(info)),
-      recordLayout(storage.valueType, fileInfo.getDirDepth()),
+RecordFile::RecordFile(QMetaType::Type valueType, TSFileInfo info, BlockBuffer* blocks)
+    : fileInfo(std::move(info)),
+      recordLayout(valueType, fileInfo.getDirDepth()),
       baseTs(fileInfo.getBaseTsMs()),
       file(fileInfo.filePath()),
       blocks(blocks ? blocks : &ownBlocks)
@@ -80,7 +79,7 @@ bool RecordFile::openToChange(QIODevice::OpenMode mode)
 
 bool RecordFile::openAsIs(QIODevice::OpenMode mode)
 {
-    return storage.openFile(file, mode) && learnSize();
+    return openRetrying(file, mode) && learnSize();
 }
 
 // The size decides which records there are and where new ones go: one that
@@ -254,7 +253,7 @@ QVariant RecordFile::valueOf(const uchar* field)
     if (!recordLayout.variable)
         return decodeValue(field, recordLayout.type);
     if (!var)
-        var = std::make_unique<VarFileReader>(storage, varPath());
+        var = std::make_unique<VarFileReader>(varPath());
     return var->valueAt(decodeVarPosition(field));
 }
 

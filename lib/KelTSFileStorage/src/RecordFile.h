@@ -17,10 +17,6 @@
 #include <optional>
 #include <vector>
 
-namespace Kel {
-class TSFileStorage;
-}
-
 namespace Kel::detail {
 
 // A page-aligned buffer for blocks of whole records. A walk over many files
@@ -42,12 +38,12 @@ private:
 class RecordFile {
 public:
     // Blocks go through the buffer given, or through one of the file's own.
-    RecordFile(TSFileStorage& storage, TSFileInfo info, BlockBuffer* blocks = nullptr);
+    RecordFile(QMetaType::Type valueType, TSFileInfo info, BlockBuffer* blocks = nullptr);
     ~RecordFile();
     RecordFile(const RecordFile&) = delete;
     RecordFile& operator=(const RecordFile&) = delete;
 
-    // Opens through the storage's retrying open; the caller logs a failure.
+    // Opens with the disk's retries; the caller logs a failure.
     // A replacement of the file and its side file that stopped after its
     // first rename is completed first.
     bool open(QIODevice::OpenMode mode);
@@ -145,7 +141,6 @@ private:
     template <typename Chunk>
     qint64 forEachChunk(qint64 from, qint64 n, Chunk chunk);
 
-    TSFileStorage& storage;
     TSFileInfo fileInfo;
     RecordLayout recordLayout;
     long long baseTs;
@@ -166,7 +161,7 @@ private:
 // an info whose stat failed once may find the file when asked again, and
 // must not send the caller to a file that was never set up.
 template <typename Lookup>
-TSFileInfo openLookedUp(std::optional<RecordFile>& file, TSFileStorage& storage, BlockBuffer* blocks,
+TSFileInfo openLookedUp(std::optional<RecordFile>& file, QMetaType::Type valueType, BlockBuffer* blocks,
                         Lookup lookup)
 {
     TSFileInfo info;
@@ -176,7 +171,7 @@ TSFileInfo openLookedUp(std::optional<RecordFile>& file, TSFileStorage& storage,
             file.reset();
             return TSFileInfo();
         }
-        file.emplace(storage, info, blocks);
+        file.emplace(valueType, info, blocks);
         if (file->open(QIODevice::ReadOnly) || !QFileInfo(info.filePath()).isDir())
             break;
     }

@@ -97,7 +97,7 @@ Interpolate::DataRecord TSFileStorage::readCurrDataRecord(QDataStream& stream, l
         return rec;
     }
     auto* device = qobject_cast<QFileDevice*>(stream.device());
-    detail::VarFileReader var(*this, detail::names::sideFile(device ? device->fileName() : QString()));
+    detail::VarFileReader var(detail::names::sideFile(device ? device->fileName() : QString()));
     rec.value = var.valueAt(detail::decodeVarPosition(field));
     return rec;
 }

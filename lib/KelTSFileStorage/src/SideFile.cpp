@@ -6,7 +6,7 @@
 #include "DiskSteps.h"
 #include "Logging.h"
 #include "PathKind.h"
-#include "TSFileStorage.h"
+#include "Disk.h"
 
 
 #include <sys/stat.h>
@@ -39,8 +39,7 @@ void writeVariant(QDataStream& stream, const QVariant& value)
         stream.resetStatus();
 }
 
-VarFileReader::VarFileReader(TSFileStorage& storage, QString varPath)
-    : storage(storage), path(std::move(varPath))
+VarFileReader::VarFileReader(QString varPath) : path(std::move(varPath))
 {
 }
 
@@ -56,7 +55,7 @@ QVariant VarFileReader::valueAt(qint32 position)
         // waiting: it fails at once instead of after the retries of a file
         // that another process holds, which would stall every read of it.
         const PathKind kind = pathKind(path);
-        if (kind != PathKind::File || !storage.openFile(*file, QIODevice::ReadOnly)) {
+        if (kind != PathKind::File || !openRetrying(*file, QIODevice::ReadOnly)) {
             // A side file that is missing or is no file stays so; one that
             // the system would not look up or open may be there.
             refused = kind == PathKind::File || kind == PathKind::Unknown;
@@ -139,8 +138,7 @@ qint32 VarBuffer::append(const QVariant& value)
     return position;
 }
 
-VarFileWriter::VarFileWriter(TSFileStorage& storage, QString varPath)
-    : storage(storage), path(std::move(varPath))
+VarFileWriter::VarFileWriter(QString varPath) : path(std::move(varPath))
 {
 }
 
@@ -159,7 +157,7 @@ bool VarFileWriter::open()
     const PathKind kind = pathKind(path);
     const bool openable = kind != PathKind::Directory && kind != PathKind::Other;
     off_t end = -1;
-    if (openable && storage.openFile(*opened, QIODevice::WriteOnly | QIODevice::Append))
+    if (openable && openRetrying(*opened, QIODevice::WriteOnly | QIODevice::Append))
         end = ::lseek(opened->handle(), 0, SEEK_END);
     if (end < 0) {
         storageLog(LOG_FAILURE, QStringLiteral("Could not open '%1' for write (writeDataRecord)"),

@@ -15,10 +15,6 @@
 
 #include <memory>
 
-namespace Kel {
-class TSFileStorage;
-}
-
 namespace Kel::detail {
 
 // Reads one serialised value; corrupt or missing data gives an invalid
@@ -30,7 +26,7 @@ void writeVariant(QDataStream& stream, const QVariant& value);
 // first use and kept open while one storage file is read.
 class VarFileReader {
 public:
-    VarFileReader(TSFileStorage& storage, QString varPath);
+    explicit VarFileReader(QString varPath);
     ~VarFileReader();
     VarFileReader(const VarFileReader&) = delete;
     VarFileReader& operator=(const VarFileReader&) = delete;
@@ -47,7 +43,6 @@ private:
     qint64 currentSize();
     QVariant readAt(qint32 position);
 
-    TSFileStorage& storage;
     QString path;
     std::unique_ptr<QFile> file;
     std::unique_ptr<QDataStream> stream;
@@ -76,7 +71,7 @@ private:
 // them. When the side file cannot be opened the records get position 0.
 class VarFileWriter : public VarSink {
 public:
-    VarFileWriter(TSFileStorage& storage, QString varPath);
+    explicit VarFileWriter(QString varPath);
     ~VarFileWriter() override;
     VarFileWriter(const VarFileWriter&) = delete;
     VarFileWriter& operator=(const VarFileWriter&) = delete;
@@ -89,7 +84,6 @@ public:
 private:
     bool open();
 
-    TSFileStorage& storage;
     QString path;
     std::unique_ptr<QFile> file;
     std::unique_ptr<VarBuffer> buffer;

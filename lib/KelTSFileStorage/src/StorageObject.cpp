@@ -1,15 +1,13 @@
-// The storage object of one series: where its files live, how files are
-// opened (with retries, for files that another process holds for a moment),
-// and the companion storages "P" and "O" of the series.
+// The storage object of one series: where its files live, and the companion
+// storages "P" and "O" of the series.
 
 #include "TSFileStorage.h"
 
+#include "Disk.h"
 #include "Logging.h"
 #include "PathKind.h"
 #include "RecordCodec.h"
 #include "StorageNames.h"
-
-#include <QThread>
 
 namespace Kel {
 
@@ -19,23 +17,6 @@ QString withSlash(const QString& path)
 {
     return path.endsWith(u'/') ? path : path + u'/';
 }
-
-QString openModeText(QIODeviceBase::OpenMode mode)
-{
-    static const std::pair<QIODeviceBase::OpenModeFlag, const char*> names[] = {
-        {QIODeviceBase::ReadOnly, "Read,"},         {QIODeviceBase::WriteOnly, "Write,"},
-        {QIODeviceBase::Append, "Append,"},         {QIODeviceBase::Truncate, "Truncate,"},
-        {QIODeviceBase::Text, "Text,"},             {QIODeviceBase::Unbuffered, "Unbuffered,"},
-        {QIODeviceBase::NewOnly, "NewOnly,"},       {QIODeviceBase::ExistingOnly, "ExistingOnly,"},
-    };
-    QString text;
-    for (const auto& [flag, name] : names)
-        if (mode.testFlag(flag))
-            text += QLatin1String(name);
-    return text;
-}
-
-constexpr int kOpenAttempts = 6;
 
 } // namespace
 
@@ -59,19 +40,7 @@ void TSFileStorage::checkDirectory(QDir d)
 
 bool TSFileStorage::openFile(QFile& file, QFlags<QIODeviceBase::OpenModeFlag> mode)
 {
-    for (int attempt = 1;; ++attempt) {
-        if (file.open(mode))
-            return true;
-        detail::storageLog(detail::LOG_WARNING,
-                           QStringLiteral("File open failed (%1) on '%2', attempt %3"), 140)
-            .arg(openModeText(mode))
-            .arg(file.fileName())
-            .arg(attempt)
-            .endl();
-        if (attempt == kOpenAttempts)
-            return false;
-        QThread::sleep(1);
-    }
+    return detail::openRetrying(file, mode);
 }
 
 void TSFileStorage::checkValidInterval(long long& interval, QString marker)

@@ -7,6 +7,7 @@
 #include "Calendar.h"
 #include "Logging.h"
 #include "PathKind.h"
+#include "TreeNaming.h"
 
 #include <Poco/Exception.h>
 
@@ -127,7 +128,7 @@ TSDirControl::TSDirControl(QString dir) : baseDir(std::move(dir))
 
 TSDirControl::~TSDirControl() = default;
 
-QString TSDirControl::getFileNameForDepth(Poco::DateTime dateTime, TSFileInfo::DirDepth depth)
+QString detail::levelName(const Poco::DateTime& dateTime, TSFileInfo::DirDepth depth)
 {
     int value = dateTime.year();
     int width = 4;
@@ -139,6 +140,11 @@ QString TSDirControl::getFileNameForDepth(Poco::DateTime dateTime, TSFileInfo::D
     default: break;
     }
     return QStringLiteral("%1").arg(value, width, 10, QLatin1Char('0'));
+}
+
+QString TSDirControl::getFileNameForDepth(Poco::DateTime dateTime, TSFileInfo::DirDepth depth)
+{
+    return detail::levelName(dateTime, depth);
 }
 
 } // namespace Kel

@@ -84,13 +84,13 @@ public:
                     bool distinctTimes, std::vector<Record>* overwritten, BatchBuffers& buffers)
         : storage(storage),
           buffers(buffers),
-          file(storage, info, &buffers.blocks),
+          file(storage.valueType, info, &buffers.blocks),
           isNew(!info.found()),
           appendOnly(appendOnly),
           distinctTimes(distinctTimes),
           overwritten(overwritten),
           logOverwrites(!storage.baseDir.endsWith(QLatin1String("/V/"))),
-          var(storage, file.varPath()),
+          var(file.varPath()),
           encoder(file.layout(), file.base(), file.layout().variable ? &var : nullptr)
     {
     }
