@@ -1,3 +1,6 @@
+// What a path names, asked with one stat; a refusal is logged, never taken
+// for an absent file.
+
 #include "PathKind.h"
 
 #include "Logging.h"
