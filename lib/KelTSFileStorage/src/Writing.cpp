@@ -12,6 +12,7 @@
 #include "DiskSteps.h"
 #include "Logging.h"
 #include "RecordFile.h"
+#include "WritePlan.h"
 #include "FileReplace.h"
 #include "CompanionLogs.h"
 
@@ -103,9 +104,15 @@ public:
         // What the file holds decides, not what the lookup said: a lookup
         // that failed names an existing file as new, and records appended
         // there out of order would be lost to every search.
-        const bool append = appendOnly || file.count() == 0 ||
-                            file.timestampAt(file.count() - 1) < first->timestamp;
-        const bool written = !file.failed() && (append ? appendAll(first, last) : merge(first, last));
+        const qint64 count = file.count();
+        const bool append = appendOnly || count == 0 || file.timestampAt(count - 1) < first->timestamp;
+        // A search on disk reads one timestamp a call; a batch with many
+        // records for the file reads it whole once and searches in memory.
+        if (!append && (last - first) * kRecordsPerSearch >= count)
+            loadStored();
+        const detail::WritePlan plan =
+            detail::planWrite(first, last, count, [this](qint64 i) { return storedTimestamp(i); }, appendOnly);
+        const bool written = !file.failed() && apply(plan, first, last);
         file.close();
         if (!written)
             detail::storageLog(detail::LOG_FAILURE, QStringLiteral("Could not write '%1' (writeDataRecords)"),
@@ -230,14 +237,19 @@ private:
             varOverwritten = true;
     }
 
-    // Runs of equal timestamps; appendOnly writes every record as its own.
-    const Record* runEnd(const Record* first, const Record* last) const
+    bool apply(const detail::WritePlan& plan, const Record* first, const Record* last)
     {
-        const Record* r = first + 1;
-        if (!appendOnly)
-            while (r != last && r->timestamp == first->timestamp)
-                ++r;
-        return r;
+        switch (plan.kind) {
+        case detail::WritePlan::Kind::Append:
+            return appendAll(first, last);
+        case detail::WritePlan::Kind::Patch:
+            buffers.spare.claim();
+            return patchInPlace(plan.places);
+        case detail::WritePlan::Kind::Rewrite:
+            buffers.spare.claim();
+            return rewrite(plan.places);
+        }
+        return false;
     }
 
     bool appendAll(const Record* first, const Record* last)
@@ -248,53 +260,13 @@ private:
         QByteArray out((last - first) * stride, Qt::Uninitialized);
         qsizetype used = 0;
         for (const Record* run = first; run != last;) {
-            const Record* end = runEnd(run, last);
+            const Record* end = detail::runEnd(run, last, appendOnly);
             Slot slot(reinterpret_cast<uchar*>(out.data() + used));
             applyRun(run, end, slot);
             used += stride;
             run = end;
         }
         return finishVar() && file.writeAt(file.size(), out.constData(), used);
-    }
-
-    // Where a run of batch records goes among the stored records.
-    struct Placement {
-        const Record* run;
-        const Record* runEnd;
-        qint64 index;  // lower bound among the stored records
-        bool stored;   // a stored record has this timestamp
-    };
-
-    // Merges the batch with the stored records. Overwrites and records after
-    // the last stored one are written in place; a record that falls between
-    // stored ones makes the whole file be written anew beside the old one.
-    bool merge(const Record* first, const Record* last)
-    {
-        buffers.spare.claim();
-        std::vector<Placement> places;
-        const qint64 count = file.count();
-        // A search on disk reads one timestamp a call; a batch with many
-        // records for the file reads it whole once and searches in memory.
-        if ((last - first) * kRecordsPerSearch >= count)
-            loadStored();
-        bool inserts = false;
-        qint64 from = 0;
-        for (const Record* run = first; run != last;) {
-            const Record* end = runEnd(run, last);
-            const qint64 index = lowerBoundFrom(from, run->timestamp);
-            const bool stored = index < count && storedTimestamp(index) == run->timestamp;
-            inserts = inserts || (!stored && index < count);
-            places.push_back({run, end, index, stored});
-            from = index;
-            run = end;
-        }
-        return inserts ? rewrite(places) : patchInPlace(places);
-    }
-
-    qint64 lowerBoundFrom(qint64 lo, long long ts)
-    {
-        return detail::firstIndexNotBefore(lo, file.count(), [this](qint64 i) { return storedTimestamp(i); },
-                                           [ts](long long at) { return at < ts; });
     }
 
     // The stored records in memory: the file mapped, or where it cannot be,
@@ -330,7 +302,7 @@ private:
         return true;
     }
 
-    bool patchInPlace(const std::vector<Placement>& places)
+    bool patchInPlace(const std::vector<detail::Placement>& places)
     {
         if (file.failed())
             return false;  // the places were found by reads that failed
@@ -339,7 +311,7 @@ private:
         std::vector<qint64> patchIndex;  // where each changed stored record goes
         QByteArray tail;
         uchar record[16];
-        for (const Placement& p : places) {
+        for (const detail::Placement& p : places) {
             if (p.stored) {
                 if (!readStored(p.index, 1, reinterpret_cast<char*>(record)))
                     return false;
@@ -361,7 +333,7 @@ private:
         return ok && file.writeAt(file.count() * stride, tail.constData(), tail.size());
     }
 
-    bool rewrite(const std::vector<Placement>& places)
+    bool rewrite(const std::vector<detail::Placement>& places)
     {
         if (file.failed())
             return false;  // the places were found by reads that failed
@@ -380,7 +352,7 @@ private:
                 pieces.push_back({data, size});
         };
         qint64 copied = 0;
-        for (const Placement& p : places) {
+        for (const detail::Placement& p : places) {
             add(loadedRecord(copied), (p.index - copied) * stride);
             copied = p.index;
             Slot slot(placed, p.stored);
