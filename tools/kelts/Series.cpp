@@ -4,6 +4,7 @@
 
 #include "Terminal.h"
 #include "ValueText.h"
+#include "MethodKeywords.h"
 #include "RecordCodec.h"
 
 #include <QDateTime>
@@ -87,19 +88,9 @@ QJsonArray filtersFromOption(const CommandLine& cl)
     return filters;
 }
 
-// The method string with its difference keyword taken out, as the engine
-// looks for the method keyword.
-QString methodWithoutDifference(QString method)
-{
-    method = method.toLower();
-    method.remove(QLatin1String("diffctrupcleaned"));
-    method.remove(QLatin1String("diff"));
-    return method;
-}
-
 void checkMethod(const CommandLine& cl, const ReadRequest& r, QMetaType::Type type)
 {
-    const QString rest = methodWithoutDifference(r.param.method);
+    const QString rest = Kel::detail::withoutDifference(r.param.method);
     if (r.param.interval == 0) {
         if (!rest.isEmpty())
             cl.fail(QStringLiteral("method '%1' condenses into intervals: give --interval as well "
@@ -291,19 +282,12 @@ MethodReading readMethod(const Interpolate::InterpolateParam& param)
 
 QString methodName(Interpolate::InterpolateMethod method)
 {
-    static const char* const names[] = {"raw",   "prevNext", "prev",  "next",  "minMax",
-                                        "min",   "max",      "sum",   "meanA", "meanG",
-                                        "meanH", "meanS",    "median", "mode", "count"};
-    return unsigned(method) < sizeof names / sizeof *names ? QString::fromLatin1(names[method]) : QString();
+    return Kel::detail::methodName(method);
 }
 
 QString differenceKeyword(const QString& method)
 {
-    if (method.contains(QLatin1String("diffCtrUpCleaned"), Qt::CaseInsensitive))
-        return QStringLiteral("diffCtrUpCleaned");
-    if (method.contains(QLatin1String("diff"), Qt::CaseInsensitive))
-        return QStringLiteral("diff");
-    return QString();
+    return Kel::detail::differenceKeyword(method);
 }
 
 bool isPlainRaw(const ReadRequest& request)

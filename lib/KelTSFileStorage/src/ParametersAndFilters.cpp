@@ -8,6 +8,8 @@
 
 #include "Interpolate.h"
 
+#include "MethodKeywords.h"
+
 #include <QJsonObject>
 #include <QJsonValue>
 
@@ -17,21 +19,6 @@
 namespace Kel {
 
 namespace {
-
-struct MethodKeyword {
-    const char* keyword;
-    Interpolate::InterpolateMethod method;
-};
-
-// The first keyword that starts the string wins, so "prevnext" comes before
-// "prev" and "minmax" before "min".
-const MethodKeyword kMethodKeywords[] = {
-    {"prevnext", Interpolate::PREV_NEXT}, {"prev", Interpolate::PREV},     {"next", Interpolate::NEXT},
-    {"minmax", Interpolate::MIN_MAX},     {"min", Interpolate::MIN},       {"max", Interpolate::MAX},
-    {"sum", Interpolate::SUM},            {"meana", Interpolate::MEAN_A},  {"meang", Interpolate::MEAN_G},
-    {"meanh", Interpolate::MEAN_H},       {"means", Interpolate::MEAN_S},  {"median", Interpolate::MEDIAN},
-    {"mode", Interpolate::MODE},          {"count", Interpolate::COUNT},
-};
 
 std::vector<int> intsOf(const QJsonArray& array)
 {
@@ -95,17 +82,14 @@ bool filterPasses(Interpolate::FilterParam& filter, const QDateTime& local, doub
 
 void Interpolate::interpolateParamsFromArgs(QString args, long long interval)
 {
-    args = args.toLower();
-
-    if (args.contains(QLatin1String("diffctrupcleaned"))) {
-        args.remove(QLatin1String("diffCtrUpCleaned"), Qt::CaseInsensitive);
+    const QString difference = detail::differenceKeyword(args);
+    if (difference == QLatin1String(detail::kDiffCtrUpCleaned))
         diffHandler = &Interpolate::handle_DIFF_CTRUPCLEANED;
-    } else if (args.contains(QLatin1String("diff"))) {
-        args.remove(QLatin1String("diff"), Qt::CaseInsensitive);
+    else if (difference == QLatin1String(detail::kDiff))
         diffHandler = &Interpolate::handle_DIFF;
-    } else {
+    else
         diffHandler = nullptr;
-    }
+    args = detail::withoutDifference(args);
 
     if (interval == 0) {
         method = RAW;
@@ -119,7 +103,7 @@ void Interpolate::interpolateParamsFromArgs(QString args, long long interval)
     fillNull = args.contains(QLatin1String("fillnull"));
     average = args.contains(QLatin1String("average"));
 
-    for (const MethodKeyword& k : kMethodKeywords) {
+    for (const detail::MethodKeyword& k : detail::kMethodKeywords) {
         if (args.startsWith(QLatin1String(k.keyword))) {
             method = k.method;
             return;
