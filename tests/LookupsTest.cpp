@@ -1,4 +1,5 @@
 #include "StorageFixture.h"
+#include "TSFileQueries.h"
 
 #include <QDir>
 
@@ -171,4 +172,30 @@ TEST_F(Lookups, RangeIsResolvedAndClampedToTheSeries)
     end = TSFileStorage::TS_NOW;
     EXPECT_FALSE(series->adjustTimestamps(series.get(), start, end, coversFirst, coversLast));
     EXPECT_EQ(end, t0 + 5000);
+}
+
+// The exact lookup beside findPrevDataRecord: the last record stamped before
+// the instant, from an earlier file where the instant's own file starts after
+// it, for Float by the bytes each record takes.
+TEST_F(Lookups, LastRecordBeforeIsExactAcrossFilesAndForFloat)
+{
+    for (QMetaType::Type type : {QMetaType::Double, QMetaType::Float}) {
+        SCOPED_TRACE(QMetaType(type).name());
+        useSeries(type, 30);  // split into month files
+        const Records records = {{t0, 1.5f}, {t0 + 60000, 2.5f}, {ms("2024-06-10T00:00:00Z"), 3.5f}};
+        ASSERT_TRUE(write(records));
+        Record rec;
+        EXPECT_FALSE(Kel::lastRecordBefore(*series, t0, rec));
+        ASSERT_TRUE(Kel::lastRecordBefore(*series, t0 + 60000, rec));
+        EXPECT_EQ(rec.timestamp, t0);
+        // June's file starts after the instant: findPrevDataRecord answers
+        // with its first record, the exact lookup with May's last.
+        const long long june5 = ms("2024-06-05T00:00:00Z");
+        ASSERT_TRUE(Kel::lastRecordBefore(*series, june5, rec));
+        EXPECT_EQ(rec.timestamp, t0 + 60000);
+        EXPECT_EQ(rec.value.toDouble(), 2.5);
+        ASSERT_TRUE(series->findPrevDataRecord(june5, rec));
+        EXPECT_EQ(rec.timestamp, records[2].timestamp);
+        QDir(tmp.path()).removeRecursively();
+    }
 }

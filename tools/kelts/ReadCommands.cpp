@@ -5,6 +5,7 @@
 #include "CommandLine.h"
 #include "Csv.h"
 #include "Series.h"
+#include "TSFileQueries.h"
 #include "Terminal.h"
 #include "ValueText.h"
 
@@ -257,29 +258,6 @@ int find(const QStringList& args)
                         QStringLiteral("no record at %1").arg(isoTime(at)));
 }
 
-// The last record before 'at' from raw reads of windows reaching further
-// back each time, for when the storage's lookup answers with a record that
-// is not before 'at'.
-bool lastRecordBefore(TSFileStorage& storage, long long at, Interpolate::DataRecord& rec)
-{
-    Interpolate::DataRecord first;
-    if (!storage.getFirstDataRecord(first) || first.timestamp >= at)
-        return false;
-    for (long long window = 60000;; window *= 16) {
-        const long long from = std::max(first.timestamp, at - window);
-        Records found;
-        int count = 0;
-        if (!storage.readDataRecords({}, {}, from, at - 1, found, false, count))
-            readFailed();
-        if (!found.empty()) {
-            rec = found.back();
-            return true;
-        }
-        if (from == first.timestamp)
-            return false;
-    }
-}
-
 int prev(const QStringList& args)
 {
     Lookup lookup(prevCommand, args, true);
@@ -287,11 +265,9 @@ int prev(const QStringList& args)
         return EXIT_DONE;
     const long long at = lookup.at();
     Interpolate::DataRecord rec;
-    // The storage's lookup may answer with the first record at or after the
-    // instant when the file that holds the instant starts after it.
-    bool found = lookup.storage->findPrevDataRecord(at, rec) && rec.timestamp < at;
-    if (!found)
-        found = lastRecordBefore(*lookup.storage, at, rec);
+    // Exact: the storage's own findPrevDataRecord may answer with the first
+    // record at or after the instant.
+    const bool found = Kel::lastRecordBefore(*lookup.storage, at, rec);
     return lookup.print(found, rec, QStringLiteral("no record before %1").arg(isoTime(at)));
 }
 

@@ -3,6 +3,7 @@
 // holds.
 
 #include "TSFileStorage.h"
+#include "TSFileQueries.h"
 
 #include "Calendar.h"
 #include "Logging.h"
@@ -182,5 +183,38 @@ try
 }
 
 } // namespace detail
+
+bool lastRecordBefore(TSFileStorage& series, long long ts, Interpolate::DataRecord& rec)
+try
+{
+    std::optional<detail::RecordFile> file;
+    const auto lookup = [&series, ts] {
+        const TSFileInfo at = series.findFile(ts - 1);
+        return at.found() ? at : series.findPrevFile(at);
+    };
+    const QString failure = QStringLiteral("Could not open '%1' for read (findPrevDataRecord)");
+    for (TSFileInfo info = detail::openLookedUp(file, series.valueType, nullptr, lookup); info.found();) {
+        if (!file->isOpen()) {
+            detail::storageLog(detail::LOG_FAILURE, failure, 559).arg(info.filePath()).endl();
+            return false;
+        }
+        const qint64 index = file->lowerBound(ts) - 1;
+        if (file->failed())
+            return false;
+        if (index >= 0) {
+            Interpolate::DataRecord found = file->recordAt(index);
+            if (file->failed())
+                return false;
+            rec = std::move(found);
+            return true;
+        }
+        const TSFileInfo done = info;
+        info = detail::openLookedUp(file, series.valueType, nullptr, [&] { return series.findPrevFile(done); });
+    }
+    return false;
+} catch (...) {
+    detail::logCaughtException("lastRecordBefore");
+    return false;
+}
 
 } // namespace Kel
