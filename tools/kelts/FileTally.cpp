@@ -59,11 +59,9 @@ QString describeFiles(const FileTally& t)
 
 QString describeBytes(long long bytes, bool brief)
 {
+    const QString size = textLocale().formattedDataSize(bytes, 1, QLocale::DataSizeIecFormat);
     if (bytes < 1024)
-        return QStringLiteral("%1 bytes").arg(bytes);
-    const double kib = double(bytes) / 1024.0;
-    const QString size = kib < 1024.0 ? QStringLiteral("%1 KiB").arg(kib, 0, 'f', 1)
-                                      : QStringLiteral("%1 MiB").arg(kib / 1024.0, 0, 'f', 1);
+        return size;
     return brief ? size : QStringLiteral("%1 bytes (%2)").arg(grouped(bytes), size);
 }
 

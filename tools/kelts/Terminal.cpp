@@ -7,6 +7,7 @@
 #include "KelLogger.h"
 
 #include <QHash>
+#include <QLocale>
 #include <QList>
 
 #include <cstdio>
@@ -148,12 +149,15 @@ void Progress::done()
     active = false;
 }
 
+const QLocale& textLocale()
+{
+    static const QLocale locale(QLocale::English, QLocale::UnitedStates);
+    return locale;
+}
+
 QString grouped(long long n)
 {
-    QString digits = QString::number(n < 0 ? -n : n);
-    for (qsizetype at = digits.size() - 3; at > 0; at -= 3)
-        digits.insert(at, u',');
-    return n < 0 ? u'-' + digits : digits;
+    return textLocale().toString(n);
 }
 
 } // namespace kelts

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QElapsedTimer>
+#include <QLocale>
 #include <QString>
 
 namespace kelts {
@@ -42,6 +43,9 @@ private:
 // Prints a message line on stderr, clearing a progress line first.
 void printErrorLine(const QString& line);
 
+// The locale of the tool's texts, whatever the machine's: English, digits
+// grouped by commas.
+const QLocale& textLocale();
 // 1234567 as "1,234,567".
 QString grouped(long long n);
 
