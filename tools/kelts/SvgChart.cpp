@@ -5,8 +5,10 @@
 #include "TimeText.h"
 
 #include <QDateTime>
+#include <QXmlStreamWriter>
 
 #include <algorithm>
+#include <initializer_list>
 #include <limits>
 #include <utility>
 
@@ -22,13 +24,17 @@ constexpr int kValueTicksWanted = 6;
 const char* const kLineColours[] = {"#1f5fa8", "#c0392b", "#2e8b57", "#8e44ad"};
 const char* const kBandColours[] = {"#8fb3e0", "#e8a39b", "#9fd3b4", "#c7a6db"};
 
-QString escaped(QString text)
+using Attributes = std::initializer_list<std::pair<const char*, QString>>;
+
+// One element with its attributes and text; the writer escapes both.
+void element(QXmlStreamWriter& svg, const char* name, Attributes attributes, const QString& text = QString())
 {
-    text.replace(u'&', QStringLiteral("&amp;"));
-    text.replace(u'<', QStringLiteral("&lt;"));
-    text.replace(u'>', QStringLiteral("&gt;"));
-    text.replace(u'"', QStringLiteral("&quot;"));
-    return text;
+    svg.writeStartElement(QLatin1String(name));
+    for (const auto& [key, value] : attributes)
+        svg.writeAttribute(QLatin1String(key), value);
+    if (!text.isEmpty())
+        svg.writeCharacters(text);
+    svg.writeEndElement();
 }
 
 QString num(double x)
@@ -226,14 +232,17 @@ private:
     QString text;
 };
 
-void drawLine(QString& svg, const ChartLine& line, const Frame& frame, const char* colour)
+void drawLine(QXmlStreamWriter& svg, const ChartLine& line, const Frame& frame, const char* colour)
 {
     auto flush = [&](ColumnThinner& thinner) {
         const QString points = thinner.finish().trimmed();
         if (!points.isEmpty())
-            svg += QStringLiteral("<polyline fill=\"none\" stroke=\"%1\" stroke-width=\"1.5\" "
-                                  "stroke-linejoin=\"round\" points=\"%2\"/>\n")
-                       .arg(QLatin1String(colour), points);
+            element(svg, "polyline",
+                    {{"fill", QStringLiteral("none")},
+                     {"stroke", QLatin1String(colour)},
+                     {"stroke-width", QStringLiteral("1.5")},
+                     {"stroke-linejoin", QStringLiteral("round")},
+                     {"points", points}});
     };
     ColumnThinner thinner(frame);
     for (const auto& [t, v] : line.points) {
@@ -248,7 +257,7 @@ void drawLine(QString& svg, const ChartLine& line, const Frame& frame, const cha
 
 // The band as polygons between the gaps: lows forward, highs back, each
 // column reduced to its lowest low and highest high.
-void drawBand(QString& svg, const ChartBand& band, const Frame& frame, const char* fill, const char* edge)
+void drawBand(QXmlStreamWriter& svg, const ChartBand& band, const Frame& frame, const char* fill, const char* edge)
 {
     struct Column {
         double x, low, high;
@@ -263,9 +272,12 @@ void drawBand(QString& svg, const ChartBand& band, const Frame& frame, const cha
             forward += num(c.x) + u',' + num(frame.y(c.low)) + u' ';
         for (auto it = columns.rbegin(); it != columns.rend(); ++it)
             back += num(it->x) + u',' + num(frame.y(it->high)) + u' ';
-        svg += QStringLiteral("<polygon fill=\"%1\" fill-opacity=\"0.45\" stroke=\"%2\" stroke-width=\"0.6\" "
-                              "points=\"%3\"/>\n")
-                   .arg(QLatin1String(fill), QLatin1String(edge), (forward + back).trimmed());
+        element(svg, "polygon",
+                {{"fill", QLatin1String(fill)},
+                 {"fill-opacity", QStringLiteral("0.45")},
+                 {"stroke", QLatin1String(edge)},
+                 {"stroke-width", QStringLiteral("0.6")},
+                 {"points", (forward + back).trimmed()}});
         columns.clear();
     };
     for (const BandPoint& p : band.points) {
@@ -284,49 +296,58 @@ void drawBand(QString& svg, const ChartBand& band, const Frame& frame, const cha
     flush();
 }
 
-void drawAxes(QString& svg, const Frame& f, const std::vector<double>& vTicks, const std::vector<TimeTick>& tTicks)
+void drawAxes(QXmlStreamWriter& svg, const Frame& f, const std::vector<double>& vTicks, const std::vector<TimeTick>& tTicks)
 {
     const double bottom = f.top + f.height;
     const int decimals = vTicks.size() > 1 ? decimalsFor(vTicks[1] - vTicks[0]) : 0;
     for (const double v : vTicks) {
         const double y = f.y(v);
-        svg += QStringLiteral("<line x1=\"%1\" y1=\"%2\" x2=\"%3\" y2=\"%2\" stroke=\"#e3e3e3\"/>\n")
-                   .arg(num(f.left), num(y), num(f.left + f.width));
-        svg += QStringLiteral("<text x=\"%1\" y=\"%2\" text-anchor=\"end\">%3</text>\n")
-                   .arg(num(f.left - 6), num(y + 4), QString::number(v, 'f', decimals));
+        element(svg, "line",
+                {{"x1", num(f.left)}, {"y1", num(y)}, {"x2", num(f.left + f.width)}, {"y2", num(y)},
+                 {"stroke", QStringLiteral("#e3e3e3")}});
+        element(svg, "text", {{"x", num(f.left - 6)}, {"y", num(y + 4)}, {"text-anchor", QStringLiteral("end")}},
+                QString::number(v, 'f', decimals));
     }
     for (const TimeTick& tick : tTicks) {
         const double x = f.x(tick.t);
-        svg += QStringLiteral("<line x1=\"%1\" y1=\"%2\" x2=\"%1\" y2=\"%3\" stroke=\"#e3e3e3\"/>\n")
-                   .arg(num(x), num(f.top), num(bottom));
-        svg += QStringLiteral("<text x=\"%1\" y=\"%2\" text-anchor=\"middle\">%3</text>\n")
-                   .arg(num(x), num(bottom + 16), escaped(tick.label));
+        element(svg, "line",
+                {{"x1", num(x)}, {"y1", num(f.top)}, {"x2", num(x)}, {"y2", num(bottom)},
+                 {"stroke", QStringLiteral("#e3e3e3")}});
+        element(svg, "text", {{"x", num(x)}, {"y", num(bottom + 16)}, {"text-anchor", QStringLiteral("middle")}},
+                tick.label);
         if (!tick.dateLabel.isEmpty())
-            svg += QStringLiteral("<text x=\"%1\" y=\"%2\" text-anchor=\"middle\" fill=\"#555\">%3</text>\n")
-                       .arg(num(x), num(bottom + 30), escaped(tick.dateLabel));
+            element(svg, "text",
+                    {{"x", num(x)}, {"y", num(bottom + 30)}, {"text-anchor", QStringLiteral("middle")},
+                     {"fill", QStringLiteral("#555")}},
+                    tick.dateLabel);
     }
-    svg += QStringLiteral("<rect x=\"%1\" y=\"%2\" width=\"%3\" height=\"%4\" fill=\"none\" stroke=\"#888\"/>\n")
-               .arg(num(f.left), num(f.top), num(f.width), num(f.height));
-    svg += QStringLiteral("<text x=\"%1\" y=\"%2\" text-anchor=\"end\" fill=\"#555\">time (UTC)</text>\n")
-               .arg(num(f.left + f.width), num(bottom + 44));
+    element(svg, "rect",
+            {{"x", num(f.left)}, {"y", num(f.top)}, {"width", num(f.width)}, {"height", num(f.height)},
+             {"fill", QStringLiteral("none")}, {"stroke", QStringLiteral("#888")}});
+    element(svg, "text",
+            {{"x", num(f.left + f.width)}, {"y", num(bottom + 44)}, {"text-anchor", QStringLiteral("end")},
+             {"fill", QStringLiteral("#555")}},
+            QStringLiteral("time (UTC)"));
 }
 
-void drawLegend(QString& svg, const Chart& chart, const Frame& f)
+void drawLegend(QXmlStreamWriter& svg, const Chart& chart, const Frame& f)
 {
     double x = f.left;
     const double y = f.top - 12;
     auto label = [&](const QString& text) {
-        svg += QStringLiteral("<text x=\"%1\" y=\"%2\">%3</text>\n").arg(num(x + 22), num(y + 4), escaped(text));
+        element(svg, "text", {{"x", num(x + 22)}, {"y", num(y + 4)}}, text);
         x += 40 + 7 * double(text.size());
     };
     for (std::size_t i = 0; i < chart.bands.size(); ++i) {
-        svg += QStringLiteral("<rect x=\"%1\" y=\"%2\" width=\"16\" height=\"10\" fill=\"%3\" fill-opacity=\"0.45\"/>\n")
-                   .arg(num(x), num(y - 5), QLatin1String(kBandColours[i % 4]));
+        element(svg, "rect",
+                {{"x", num(x)}, {"y", num(y - 5)}, {"width", QStringLiteral("16")}, {"height", QStringLiteral("10")},
+                 {"fill", QLatin1String(kBandColours[i % 4])}, {"fill-opacity", QStringLiteral("0.45")}});
         label(chart.bands[i].label);
     }
     for (std::size_t i = 0; i < chart.lines.size(); ++i) {
-        svg += QStringLiteral("<line x1=\"%1\" y1=\"%2\" x2=\"%3\" y2=\"%2\" stroke=\"%4\" stroke-width=\"2\"/>\n")
-                   .arg(num(x), num(y), num(x + 16), QLatin1String(kLineColours[i % 4]));
+        element(svg, "line",
+                {{"x1", num(x)}, {"y1", num(y)}, {"x2", num(x + 16)}, {"y2", num(y)},
+                 {"stroke", QLatin1String(kLineColours[i % 4])}, {"stroke-width", QStringLiteral("2")}});
         label(chart.lines[i].label);
     }
 }
@@ -347,22 +368,37 @@ bool renderSvg(const Chart& chart, QString& svg)
     const std::vector<TimeTick> tTicks = timeTicks(t0, t1);
     const Frame frame{72.0, 70.0, chart.width - 72.0 - 24.0, chart.height - 70.0 - 56.0, t0, t1, v0, v1};
 
-    svg = QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                         "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%1\" height=\"%2\" "
-                         "viewBox=\"0 0 %1 %2\" font-family=\"sans-serif\" font-size=\"12\">\n"
-                         "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n")
-              .arg(chart.width)
-              .arg(chart.height);
-    svg += QStringLiteral("<text x=\"%1\" y=\"22\" font-size=\"16\" font-weight=\"bold\">%2</text>\n")
-               .arg(num(frame.left), escaped(chart.title));
-    svg += QStringLiteral("<text x=\"%1\" y=\"40\" fill=\"#555\">%2</text>\n").arg(num(frame.left), escaped(chart.subtitle));
-    drawAxes(svg, frame, vTicks, tTicks);
+    svg.clear();
+    QXmlStreamWriter w(&svg);
+    w.setAutoFormatting(true);
+    w.setAutoFormattingIndent(0);
+    w.writeStartDocument();
+    w.writeStartElement(QStringLiteral("svg"));
+    w.writeDefaultNamespace(QStringLiteral("http://www.w3.org/2000/svg"));
+    const QString width = QString::number(chart.width);
+    const QString height = QString::number(chart.height);
+    for (const auto& [key, value] : Attributes{{"width", width},
+                                               {"height", height},
+                                               {"viewBox", QStringLiteral("0 0 %1 %2").arg(width, height)},
+                                               {"font-family", QStringLiteral("sans-serif")},
+                                               {"font-size", QStringLiteral("12")}})
+        w.writeAttribute(QLatin1String(key), value);
+    element(w, "rect", {{"width", QStringLiteral("100%")}, {"height", QStringLiteral("100%")},
+                        {"fill", QStringLiteral("white")}});
+    element(w, "text",
+            {{"x", num(frame.left)}, {"y", QStringLiteral("22")}, {"font-size", QStringLiteral("16")},
+             {"font-weight", QStringLiteral("bold")}},
+            chart.title);
+    element(w, "text", {{"x", num(frame.left)}, {"y", QStringLiteral("40")}, {"fill", QStringLiteral("#555")}},
+            chart.subtitle);
+    drawAxes(w, frame, vTicks, tTicks);
     for (std::size_t i = 0; i < chart.bands.size(); ++i)
-        drawBand(svg, chart.bands[i], frame, kBandColours[i % 4], kLineColours[i % 4]);
+        drawBand(w, chart.bands[i], frame, kBandColours[i % 4], kLineColours[i % 4]);
     for (std::size_t i = 0; i < chart.lines.size(); ++i)
-        drawLine(svg, chart.lines[i], frame, kLineColours[i % 4]);
-    drawLegend(svg, chart, frame);
-    svg += QStringLiteral("</svg>\n");
+        drawLine(w, chart.lines[i], frame, kLineColours[i % 4]);
+    drawLegend(w, chart, frame);
+    w.writeEndDocument();
+    svg += u'\n';
     return true;
 }
 
