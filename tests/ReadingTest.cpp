@@ -70,6 +70,20 @@ TEST_F(Reading, EveryRangeReadsAndCountsExactlyItsRecordsAndALimitStopsTheRead)
 // and the others side by side one ms later. A read from that later instant
 // starts where the search probes, the middle one of the four, and passes
 // over the one before it.
+// A raw read makes room in the output once, for what the raw count says it
+// will add: an empty vector ends as large as its records, not doubled past
+// them, whether the range spans files or lies in one.
+TEST_F(Reading, RawReadIntoAnEmptyVectorTakesRoomForItsRecordsOnly)
+{
+    for (const auto& [start, end] : {std::pair{t0, t0 + 3 * 1440 * 60000LL}, std::pair{t0 + 600000, t0 + 1200000}}) {
+        Records out;
+        int noLimit = 0;
+        ASSERT_TRUE(series->readDataRecords({}, {}, start, end, out, false, noLimit));
+        EXPECT_GT(out.size(), 1u);
+        EXPECT_EQ(out.capacity(), out.size());
+    }
+}
+
 TEST_F(Reading, BackfillLogIsReadFromWhereTheSearchProbes)
 {
     Records again;

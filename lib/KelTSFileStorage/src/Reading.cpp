@@ -45,6 +45,8 @@ __attribute__((noinline)) qint64 addToInterval(const uchar* p, qint64 n, const d
     return n;
 }
 
+long long rawCount(TSFileStorage& storage, long long start, long long end);
+
 // One walk over the files of a read range, feeding what it reads to the
 // engine, to the output directly, or (for "P") joining the back-filled
 // records of the series.
@@ -115,6 +117,7 @@ private:
         const qint64 end = pastEnd ? file.upperBound(readEnd) : count;
         // Raw records go straight from the file into the output.
         if (direct) {
+            makeRoom(file, end - from);
             stopped = file.appendInRange(from, end - from, readStart, readEnd, out) || end < count;
             return;
         }
@@ -134,6 +137,22 @@ private:
             }
             return !stopped;
         });
+    }
+
+    // A raw read makes room in the output once: for the records of the
+    // first file that does not fit, and of the rest of the range as the raw
+    // count gives them (file sizes, and a search in the last file). Grown by
+    // doubling, the output would take up to twice what it holds, and the old
+    // copy besides while it grows. A read that fits in one file counts
+    // nothing more. Should the count come out short (a writer added records
+    // meanwhile), the vector grows as usual.
+    void makeRoom(const detail::RecordFile& file, qint64 records)
+    {
+        if (out.size() + size_t(records) <= out.capacity() || roomMade)
+            return;
+        roomMade = true;
+        const long long rest = rawCount(storage, file.info().getPeriodEndTsMs(), readEnd);
+        out.reserve(out.size() + size_t(records) + size_t(std::max(0LL, rest)));
     }
 
     void take(Record rec)
@@ -174,6 +193,7 @@ private:
     const long long readStart;
     const long long readEnd;
     bool stopped = false;
+    bool roomMade = false;
     detail::BlockBuffer blocks;  // lent to every file of the walk
     std::unordered_set<long long> joined;
 };
