@@ -1,5 +1,5 @@
 // Reading the series back: raw (the whole range into a used and into a fresh
-// vector, one hour), condensed by the engine (hourly means, daily extremes,
+// vector, one hour, ten minutes at places spread over the range), condensed by the engine (hourly means, daily extremes,
 // a 15-minute linear grid, daily consumption of the counter) and counted,
 // each beside SQLite's scan, GROUP BY and count(*) of the same range. Every
 // read is checked against the workload or against SQLite's answer once.
@@ -15,6 +15,7 @@ namespace {
 using Kel::TSFileStorage;
 
 constexpr int kHourReads = 200;
+constexpr int kShortReads = 500;
 constexpr int kCounts = 20;
 
 bool read(TSFileStorage& series, const Kel::Interpolate::InterpolateParam& param, long long lo, long long hi,
@@ -110,8 +111,44 @@ void rawReads(Context& c, TSFileStorage& series)
                  }),
                  "used-bound", "sqlite-hour", "", ""});
 
+    // Ten minutes at places spread over the range, as a trend display asks
+    // for the last minutes of many series.
+    const long long shortRecords = std::min(600LL, w.records);
+    std::vector<long long> shortStarts;
+    for (int i = 0; i < kShortReads; ++i)
+        shortStarts.push_back(w.ts((w.records - shortRecords) * i / kShortReads));
+    for (const long long lo : {shortStarts.front(), shortStarts.back()}) {
+        out.clear();
+        check(read(series, raw, lo, lo + shortRecords * kSecondMs - 1, out), "ten-minute read");
+        check(out.size() == size_t(shortRecords), "ten-minute read");
+    }
+    c.table.add({"read-short", "raw read, 10 minutes, spread",
+                 repeat(c.plan, double(shortRecords * kShortReads), [&](int) {
+                     Stopwatch clock;
+                     for (const long long lo : shortStarts) {
+                         out.clear();
+                         clock.start();
+                         read(series, raw, lo, lo + shortRecords * kSecondMs - 1, out);
+                         clock.stop();
+                     }
+                     return clock.seconds();
+                 }),
+                 "used-bound", "sqlite-short", "", ""});
+
     std::vector<Row2> rows;
     rows.reserve(size_t(w.records));
+    c.table.add({"sqlite-short", "SQLite: scan, 10 minutes, spread",
+                 repeat(c.plan, double(shortRecords * kShortReads), [&](int) {
+                     Stopwatch clock;
+                     for (const long long lo : shortStarts) {
+                         rows.clear();
+                         clock.start();
+                         c.sqlite->scan(lo, lo + shortRecords * kSecondMs - 1, rows);
+                         clock.stop();
+                     }
+                     return clock.seconds();
+                 }),
+                 "read-limit", "", "", "SQLite 10 minutes"});
     c.table.add({"sqlite-scan", "SQLite: scan, whole range", repeat(c.plan, n, [&](int) {
                      rows.clear();
                      Stopwatch clock;

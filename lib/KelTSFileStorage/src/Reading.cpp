@@ -10,6 +10,7 @@
 #include "EngineSupport.h"
 #include "Logging.h"
 #include "MarkerStorage.h"
+#include "MethodKeywords.h"
 #include "RecordFile.h"
 #include "StorageNames.h"
 
@@ -253,6 +254,23 @@ void feedPreviousRecord(TSFileStorage& storage, Interpolate& engine, long long r
         engine.handleNextRawRecord(std::move(rec));
 }
 
+// A raw read of plain bounds (no difference, filter, chain or count) reads
+// [start, end] as it stands: the series' first and last records would only
+// clamp the range to where records are, which gives the same records. It is
+// spared the two lookups, each a walk down the tree's listings. Not for Float,
+// whose last-record lookup answers with other bytes and so bounds its reads,
+// nor for the companions.
+bool isPlainRawRead(const Interpolate::InterpolateParam& param, const std::vector<Interpolate::InterpolateParam>& params,
+                    long long start, long long end, bool lastFlag, const QString& marker, QMetaType::Type type)
+{
+    const auto plainBound = [](long long t) {
+        return t != TSFileStorage::TS_NOW && t != TSFileStorage::TS_FIRST_RECORD && t != TSFileStorage::TS_LAST_RECORD;
+    };
+    return param.interval == 0 && params.empty() && param.filterParams.empty() && !lastFlag && marker.isEmpty() &&
+           type != QMetaType::Float && plainBound(start) && plainBound(end) &&
+           detail::differenceKeyword(param.method).isEmpty();
+}
+
 } // namespace
 
 bool TSFileStorage::readDataRecordsInt(Interpolate::InterpolateParam param,
@@ -269,9 +287,10 @@ try
         return true;
     }
     checkValidInterval(param.interval, marker);
-    Record first;
-    Record last;
-    if (!storage->getFirstDataRecord(first) || !storage->getLastDataRecord(last)) {
+    Record first{start, QVariant()};
+    Record last{end, QVariant()};
+    if (!isPlainRawRead(param, params, start, end, lastFlag, marker, storage->valueType) &&
+        (!storage->getFirstDataRecord(first) || !storage->getLastDataRecord(last))) {
         resultCount = 0;
         return true;
     }
