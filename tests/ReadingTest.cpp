@@ -84,6 +84,30 @@ TEST_F(Reading, RawReadIntoAnEmptyVectorTakesRoomForItsRecordsOnly)
     }
 }
 
+// The bounds of a read are searched first where the timestamps' spread puts
+// them; records crowded into one part of a file put the guess far off, and
+// the search must still land exactly.
+TEST_F(Reading, RangesOfUnevenlySpacedRecordsReadAndCountExactly)
+{
+    useSeries(QMetaType::Double);
+    const long long t = ms("2025-03-01T00:00:00Z");
+    Records records;
+    for (int i = 0; i < 1000; ++i)
+        records.push_back({t + i, double(i)});
+    for (int i = 0; i < 1000; ++i)
+        records.push_back({t + 3600000 + i * 60000LL, double(1000 + i)});
+    ASSERT_TRUE(write(records));
+    for (const auto& [lo, hi] : {std::pair{t + 500, t + 1500}, std::pair{t + 3630000, t + 5400000},
+                                 std::pair{t + 999, t + 3600000}, std::pair{t - 5, t + 3}, std::pair{t + 2000, t + 3000}}) {
+        Records expected;
+        for (const Record& r : records)
+            if (r.timestamp >= lo && r.timestamp <= hi)
+                expected.push_back(r);
+        EXPECT_TRUE(sameRecords(read(lo, hi), expected)) << lo - t << " " << hi - t;
+        EXPECT_EQ(series->getCount({}, {}, lo, hi, true, false, false), (long long)expected.size());
+    }
+}
+
 TEST_F(Reading, BackfillLogIsReadFromWhereTheSearchProbes)
 {
     Records again;

@@ -149,7 +149,9 @@ Interpolate::Interpolate(InterpolateParam param, std::vector<InterpolateParam> f
     offsetMinFromUTC = param.offsetMinFromUTC;
     interpolateParamsFromArgs(param.method, intervalMs);
     initHandlers();
-    now = QDateTime::currentDateTime();
+    // In UTC: the local time would have the C library look up the zone (a
+    // stat of /etc/localtime) on every read, and nothing reads it as local.
+    now = QDateTime::currentDateTimeUtc();
 }
 
 Interpolate::~Interpolate()

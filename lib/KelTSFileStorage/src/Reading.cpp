@@ -78,7 +78,7 @@ public:
             // readStart (the "P" log writes them side by side), those before
             // the probed one are passed over, as reads always have.
             if (file->isOpen())
-                readFile(*file, file->base() >= readStart ? 0 : file->probePosition(readStart));
+                readFile(*file, startPosition(*file));
             else
                 logOpenFailure(info, QStringLiteral("Could not open '%1' for read (readDataRecords)"), 1011);
             if (stopped)
@@ -89,6 +89,21 @@ public:
     }
 
 private:
+    // Where the read begins in a file: at its start, unless the file begins
+    // before the range. Then the format's search decides, as it always has:
+    // the record it probes last. For the series' own records that is where
+    // the bound search lands too, after the records it skips, and the bound
+    // search reads less; the "P" log, whose records share timestamps, and
+    // Float files, whose search lands inside records, keep the probe.
+    qint64 startPosition(detail::RecordFile& file)
+    {
+        if (file.base() >= readStart)
+            return 0;
+        if (isP || file.layout().type == QMetaType::Float)
+            return file.probePosition(readStart);
+        return file.lowerBound(readStart) * file.layout().stride;
+    }
+
     void readFile(detail::RecordFile& file, qint64 position)
     {
         const int stride = file.layout().stride;
@@ -152,7 +167,8 @@ private:
         if (out.size() + size_t(records) <= out.capacity() || roomMade)
             return;
         roomMade = true;
-        const long long rest = rawCount(storage, file.info().getPeriodEndTsMs(), readEnd);
+        const long long restStart = file.info().getPeriodEndTsMs();
+        const long long rest = restStart <= readEnd ? rawCount(storage, restStart, readEnd) : 0;
         out.reserve(out.size() + size_t(records) + size_t(std::max(0LL, rest)));
     }
 

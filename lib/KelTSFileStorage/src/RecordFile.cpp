@@ -227,14 +227,61 @@ Interpolate::DataRecord RecordFile::recordAtPosition(qint64 position)
 
 qint64 RecordFile::lowerBound(long long ts)
 {
-    return firstIndexNotBefore(0, count(), [this](qint64 i) { return timestampAt(i); },
-                               [ts](long long at) { return at < ts; });
+    return boundIndex(ts, false);
 }
 
 qint64 RecordFile::upperBound(long long ts)
 {
-    return firstIndexNotBefore(0, count(), [this](qint64 i) { return timestampAt(i); },
-                               [ts](long long at) { return at <= ts; });
+    return boundIndex(ts, true);
+}
+
+// The records of a series are mostly spread evenly over time: where ts lies
+// between the first and the last record tells where to look, and one block
+// read there mostly holds the bound. Where it does not, the block narrows
+// the range that the search on disk goes on in, a record a probe.
+qint64 RecordFile::boundIndex(long long ts, bool after)
+{
+    const auto before = [ts, after](long long at) { return after ? at <= ts : at < ts; };
+    const auto timestampAtIndex = [this](qint64 i) { return timestampAt(i); };
+    qint64 lo = 0;
+    qint64 hi = count();
+    if (hi <= kSearchBlockRecords)
+        return firstIndexNotBefore(lo, hi, timestampAtIndex, before);
+
+    const auto [first, last] = firstAndLastTimestamps();
+    if (!before(first))
+        return 0;
+    if (before(last))
+        return hi;
+    lo = 1;
+    hi -= 1;
+    const double share = double(ts - first) / double(last - first);
+    const qint64 guess = lo + qint64(std::clamp(share, 0.0, 1.0) * double(hi - lo));
+    const qint64 from = std::clamp(guess - kSearchBlockRecords / 2, lo, std::max(lo, hi - kSearchBlockRecords));
+    const qint64 n = std::min(kSearchBlockRecords, hi - from);
+    uchar block[kSearchBlockRecords * 16];
+    const int stride = recordLayout.stride;
+    if (!readBytes(from * stride, reinterpret_cast<char*>(block), n * stride))
+        return firstIndexNotBefore(lo, hi, timestampAtIndex, before);
+    const auto timestampInBlock = [&](qint64 i) {
+        return decodeTimestamp(block + (i - from) * stride, recordLayout.offsetWidth, baseTs);
+    };
+    if (!before(timestampInBlock(from)))
+        hi = from;
+    else if (before(timestampInBlock(from + n - 1)))
+        lo = from + n;
+    else
+        return firstIndexNotBefore(from, from + n, timestampInBlock, before);
+    return firstIndexNotBefore(lo, hi, timestampAtIndex, before);
+}
+
+std::pair<long long, long long> RecordFile::firstAndLastTimestamps()
+{
+    if (edgesKnownAt != fileSize) {
+        edges = {timestampAt(0), timestampAt(count() - 1)};
+        edgesKnownAt = fileSize;
+    }
+    return edges;
 }
 
 bool RecordFile::readRaw(qint64 from, qint64 n, char* out)

@@ -15,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace Kel::detail {
@@ -129,6 +130,12 @@ public:
     bool dropTail();
 
 private:
+    // Records read in one block by a bound's search.
+    static constexpr qint64 kSearchBlockRecords = 256;
+    qint64 boundIndex(long long ts, bool after);
+    // The first and last timestamps, read once for each size of the file.
+    std::pair<long long, long long> firstAndLastTimestamps();
+
     bool openAsIs(QIODevice::OpenMode mode);
     bool learnSize();
     void noteFailure(const char* call);
@@ -151,6 +158,8 @@ private:
     BlockBuffer* blocks;
     qint64 bufferRecords = 0;
     bool ioFailed = false;
+    std::pair<long long, long long> edges;
+    qint64 edgesKnownAt = -1;
 };
 
 // Opens for reading the storage file that lookup() names. The writer may
