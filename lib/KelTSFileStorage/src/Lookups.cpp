@@ -114,19 +114,16 @@ namespace {
 bool clampRange(long long first, long long last, long long& start, long long& end, bool& coversFirst,
                 bool& coversLast)
 {
-    if (start == TSFileStorage::TS_NOW)
-        start = detail::nowMs();
-    else if (start == TSFileStorage::TS_FIRST_RECORD)
-        start = first;
-    else if (start == TSFileStorage::TS_LAST_RECORD)
-        start = last;
-
-    if (end == TSFileStorage::TS_NOW)
-        end = detail::nowMs();
-    else if (end == TSFileStorage::TS_FIRST_RECORD)
-        end = first;
-    else if (end == TSFileStorage::TS_LAST_RECORD)
-        end = last;
+    const auto resolve = [first, last](long long& bound) {
+        if (bound == TSFileStorage::TS_NOW)
+            bound = detail::nowMs();
+        else if (bound == TSFileStorage::TS_FIRST_RECORD)
+            bound = first;
+        else if (bound == TSFileStorage::TS_LAST_RECORD)
+            bound = last;
+    };
+    resolve(start);
+    resolve(end);
 
     if (first >= start) {
         start = first;

@@ -8,7 +8,6 @@
 
 #include "TSFileStorage.h"
 
-#include "Calendar.h"
 #include "DiskSteps.h"
 #include "Logging.h"
 #include "RecordFile.h"
