@@ -35,6 +35,7 @@ struct Context {
 void runLimitCases(Context& c);   // write(2), read(2) + decode, the output vector's bounds
 void runWriteCases(Context& c);   // appends, SQLite's bulk insert, the bytes they leave
 void runReadCases(Context& c);    // raw, condensed and counted reads beside SQLite's
+void runMethodCases(Context& c);  // every method hourly beside the mean
 void runLookupCases(Context& c);  // single records beside SQLite's
 void runChangeCases(Context& c);  // inserts, overwrites, back-fill, delete beside SQLite's inserts
 void runStringCases(Context& c);  // a QString series

@@ -129,6 +129,7 @@ int runAll(const Options& o)
     stage("limits", runLimitCases, c);
     stage("appends", runWriteCases, c);
     stage("reads", runReadCases, c);
+    stage("methods", runMethodCases, c);
     stage("lookups", runLookupCases, c);
     std::fprintf(stderr, "peak memory ...\n");
     const Peak readPeak = measurePeak("read", c.seriesDir, o.records);

@@ -48,6 +48,7 @@ struct Read {
     // The record fed before the range when the engine asks for one, in place
     // of the last record before it.
     std::optional<DataRecord> previous = std::nullopt;
+    QMetaType::Type targetType = QMetaType::Double;  // the series' value type
 };
 
 // Sets the engine's range up as a reader does, wherever that says to read.
@@ -87,7 +88,7 @@ inline std::vector<DataRecord> runRead(Read& read, const std::vector<DataRecord>
 {
     std::vector<DataRecord> out;
     Interpolate engine(read.param, read.chain, read.start, read.end, series.front().timestamp,
-                       series.back().timestamp, &out, QMetaType::Double, read.labelAtIntervalStart,
+                       series.back().timestamp, &out, read.targetType, read.labelAtIntervalStart,
                        read.resultCount, read.countOnly);
     long long readStart = 0;
     long long readEnd = 0;

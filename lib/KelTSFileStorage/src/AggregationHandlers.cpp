@@ -8,7 +8,9 @@
 //
 // The interval that ends at B is [B - interval, B): a record exactly at B
 // belongs to the next one. The per-record path allocates nothing: MEDIAN and
-// MODE reuse their containers from interval to interval.
+// MODE reuse their vector from interval to interval. Records inside an
+// interval may also arrive as plain runs (PlainRuns.cpp), with the same
+// effect as through these handlers.
 
 #include "Interpolate.h"
 
@@ -24,8 +26,8 @@ namespace {
 
 using DataRecord = Interpolate::DataRecord;
 
-// Caps on what one interval may collect; reaching one stops the read.
-constexpr std::size_t kMaxMedianValuesPerInterval = 10000000;
+// The distinct values one interval of MODE may hold; reaching it stops the
+// read, as the median's cap does (EngineSupport.h).
 constexpr std::size_t kMaxModeValuesPerInterval = 1000000;
 
 constexpr double kNoValue = std::numeric_limits<double>::quiet_NaN();
@@ -120,60 +122,70 @@ void spreadOverIntervals(Interpolate& e, long long from, long long ts, double am
     e.sum += amount;
 }
 
-// What a record inside the current interval adds, for the methods that
-// take nothing else from it. A zero adds nothing to the sum of logarithms but
-// counts (it acts as a value of 1); in the harmonic mean it drops out of the
-// sum of reciprocals but counts as well.
-void addToArithmeticMean(Interpolate& e, double v)
+// MODE collects an interval's values in `values` and orders them when the
+// interval ends: sorting a vector that is reused from interval to interval
+// allocates nothing per record, where counting each value in the map as it
+// arrives allocates a node for every new one. An interval of many values is
+// counted into valueCounts a batch at a time, in arrival order, so that the
+// cap on distinct values holds as before.
+void countModeValues(Interpolate& e)
 {
-    ++e.recordCount;
-    e.sum += v;
+    for (const double v : e.values) {
+        const auto place = e.valueCounts.lower_bound(v);
+        if (place != e.valueCounts.end() && place->first == v) {
+            ++place->second;
+        } else {
+            if (e.valueCounts.size() >= kMaxModeValuesPerInterval)
+                throw std::out_of_range("Limit reached for mode");
+            e.valueCounts.emplace_hint(place, v, 1);
+        }
+    }
+    e.values.clear();
 }
 
-void addToGeometricMean(Interpolate& e, double v)
+// The first of the most frequent values in ascending order: the smallest on
+// a tie. 0.0 and -0.0 are one value; it takes the sign of the first that
+// arrived, as the map's key would.
+double modeOfSorted(std::vector<double>& values)
 {
-    ++e.recordCount;
-    if (v != 0.0)
-        e.sum += std::log(v);
+    const auto firstZero = std::find(values.begin(), values.end(), 0.0);
+    const double zero = firstZero != values.end() ? *firstZero : 0.0;
+    // A process value often only rises or only falls within an interval: its
+    // values are then in order already, or in reverse order.
+    if (std::is_sorted(values.rbegin(), values.rend()))
+        std::reverse(values.begin(), values.end());
+    else if (!std::is_sorted(values.begin(), values.end()))
+        std::sort(values.begin(), values.end());
+    double mode = kNoValue;
+    std::size_t best = 0;
+    for (std::size_t i = 0, j = 0; i < values.size(); i = j) {
+        while (j < values.size() && values[j] == values[i])
+            ++j;
+        if (j - i > best) {
+            best = j - i;
+            mode = values[i];
+        }
+    }
+    return mode == 0.0 ? zero : mode;
 }
 
-void addToHarmonicMean(Interpolate& e, double v)
+double modeOfInterval(Interpolate& e)
 {
-    ++e.recordCount;
-    if (v != 0.0)
-        e.sum += 1.0 / v;
-}
-
-void addToQuadraticMean(Interpolate& e, double v)
-{
-    ++e.recordCount;
-    e.sum += v * v;
-}
-
-void addToCount(Interpolate& e, double)
-{
-    ++e.recordCount;
+    if (e.valueCounts.empty())
+        return modeOfSorted(e.values);
+    countModeValues(e);
+    double mode = kNoValue;
+    int best = 0;
+    for (const auto& [candidate, count] : e.valueCounts) {
+        if (count > best) {
+            best = count;
+            mode = candidate;
+        }
+    }
+    return mode;
 }
 
 } // namespace
-
-namespace detail {
-
-ValueAdder valueAdderOf(const Interpolate& e)
-{
-    if (e.diffHandler)
-        return nullptr;
-    switch (e.method) {
-    case Interpolate::MEAN_A: return addToArithmeticMean;
-    case Interpolate::MEAN_G: return addToGeometricMean;
-    case Interpolate::MEAN_H: return addToHarmonicMean;
-    case Interpolate::MEAN_S: return addToQuadraticMean;
-    case Interpolate::COUNT: return addToCount;
-    default: return nullptr;
-    }
-}
-
-} // namespace detail
 
 void Interpolate::handle_raw(DataRecord record, long long ts)
 {
@@ -306,7 +318,7 @@ void Interpolate::handle_SUM(DataRecord record, long long ts)
 void Interpolate::handle_MEAN_A(DataRecord record, long long ts)
 {
     collectPerInterval(
-        *this, record, ts, [this](const DataRecord& r) { addToArithmeticMean(*this, r.value.toDouble()); },
+        *this, record, ts, [this](const DataRecord& r) { detail::addToArithmeticMean(*this, r.value.toDouble()); },
         [this](double& value) {
             value = sum / static_cast<double>(recordCount);
             return true;
@@ -316,7 +328,7 @@ void Interpolate::handle_MEAN_A(DataRecord record, long long ts)
 void Interpolate::handle_MEAN_G(DataRecord record, long long ts)
 {
     collectPerInterval(
-        *this, record, ts, [this](const DataRecord& r) { addToGeometricMean(*this, r.value.toDouble()); },
+        *this, record, ts, [this](const DataRecord& r) { detail::addToGeometricMean(*this, r.value.toDouble()); },
         [this](double& value) {
             value = std::exp(sum / static_cast<double>(recordCount));
             return true;
@@ -327,7 +339,7 @@ void Interpolate::handle_MEAN_G(DataRecord record, long long ts)
 void Interpolate::handle_MEAN_H(DataRecord record, long long ts)
 {
     collectPerInterval(
-        *this, record, ts, [this](const DataRecord& r) { addToHarmonicMean(*this, r.value.toDouble()); },
+        *this, record, ts, [this](const DataRecord& r) { detail::addToHarmonicMean(*this, r.value.toDouble()); },
         [this](double& value) {
             if (sum == 0.0)
                 return false;
@@ -339,7 +351,7 @@ void Interpolate::handle_MEAN_H(DataRecord record, long long ts)
 void Interpolate::handle_MEAN_S(DataRecord record, long long ts)
 {
     collectPerInterval(
-        *this, record, ts, [this](const DataRecord& r) { addToQuadraticMean(*this, r.value.toDouble()); },
+        *this, record, ts, [this](const DataRecord& r) { detail::addToQuadraticMean(*this, r.value.toDouble()); },
         [this](double& value) {
             value = std::sqrt(sum / static_cast<double>(recordCount));
             return true;
@@ -356,7 +368,7 @@ void Interpolate::handle_MEDIAN(DataRecord record, long long ts)
         [this](const DataRecord& r) {
             const double v = r.value.toDouble();
             if (!std::isnan(v)) {
-                if (values.size() >= kMaxMedianValuesPerInterval)
+                if (values.size() >= detail::kMaxMedianValuesPerInterval)
                     throw std::out_of_range("Limit reached for median");
                 values.push_back(v);
             }
@@ -383,26 +395,14 @@ void Interpolate::handle_MODE(DataRecord record, long long ts)
         [this](const DataRecord& r) {
             const double v = r.value.toDouble();
             if (!std::isnan(v)) {
-                const auto place = valueCounts.lower_bound(v);
-                if (place != valueCounts.end() && place->first == v) {
-                    ++place->second;
-                } else {
-                    if (valueCounts.size() >= kMaxModeValuesPerInterval)
-                        throw std::out_of_range("Limit reached for mode");
-                    valueCounts.emplace_hint(place, v, 1);
-                }
+                if (values.size() >= detail::kModeValuesBeforeCounting)
+                    countModeValues(*this);
+                values.push_back(v);
             }
             ++recordCount;
         },
         [this](double& value) {
-            value = kNoValue;
-            int best = 0;
-            for (const auto& [candidate, count] : valueCounts) {
-                if (count > best) {
-                    best = count;
-                    value = candidate;
-                }
-            }
+            value = modeOfInterval(*this);
             return true;
         });
 }
@@ -410,7 +410,7 @@ void Interpolate::handle_MODE(DataRecord record, long long ts)
 void Interpolate::handle_COUNT(DataRecord record, long long ts)
 {
     collectPerInterval(
-        *this, record, ts, [this](const DataRecord&) { addToCount(*this, 0.0); },
+        *this, record, ts, [this](const DataRecord&) { detail::addToCount(*this, 0.0); },
         [this](double& value) {
             value = static_cast<double>(recordCount);
             return true;

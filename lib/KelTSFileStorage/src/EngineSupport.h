@@ -1,16 +1,24 @@
 // Pieces that several parts of the interpolation engine share: the messages
 // with which a handler ends a read or an interval's delivery, the count
-// record of count-only reads, the plain values that a reader may add to an
-// interval, and the step past intervals that yield nothing.
+// record of count-only reads, what a record adds to a mean or a count, the
+// runs of plain records a reader may hand over, and the step past intervals
+// that yield nothing.
 #pragma once
 
 #include "Interpolate.h"
+#include "RecordCodec.h"
 
+#include <cmath>
 #include <cstring>
 #include <stdexcept>
 #include <vector>
 
 namespace Kel::detail {
+
+// What MEDIAN keeps of one interval at most (reaching it stops the read),
+// and how many values MODE keeps before it counts them.
+inline constexpr std::size_t kMaxMedianValuesPerInterval = 10000000;
+inline constexpr std::size_t kModeValuesBeforeCounting = 1000000;
 
 // Thrown as std::out_of_range and caught at the engine's entry points.
 inline constexpr const char* kEndReached = "End reached";
@@ -26,15 +34,59 @@ inline bool isLimitReached(const std::exception& e)
     return std::strncmp(e.what(), kLimitReached, std::strlen(kLimitReached)) == 0;
 }
 
-// For some methods a record inside the current interval only adds to the
-// interval's sum and count: a reader may hand such a record to the engine as
-// its plain value instead of through handleNextRawRecord. The adder of the
-// engine's method, or null when the engine needs every record whole (its
-// method keeps records or values, or a difference method comes first). The
-// caller checks that the engine takes records (acceptsRecords) and that the
-// record lies in the read range and before intervalNext.
-using ValueAdder = void (*)(Interpolate& e, double value);
-ValueAdder valueAdderOf(const Interpolate& e);
+// What a record inside the current interval adds, for the methods that
+// take nothing else from it. A zero adds nothing to the sum of logarithms but
+// counts (it acts as a value of 1); in the harmonic mean it drops out of the
+// sum of reciprocals but counts as well.
+inline void addToArithmeticMean(Interpolate& e, double v)
+{
+    ++e.recordCount;
+    e.sum += v;
+}
+
+inline void addToGeometricMean(Interpolate& e, double v)
+{
+    ++e.recordCount;
+    if (v != 0.0)
+        e.sum += std::log(v);
+}
+
+inline void addToHarmonicMean(Interpolate& e, double v)
+{
+    ++e.recordCount;
+    if (v != 0.0)
+        e.sum += 1.0 / v;
+}
+
+inline void addToQuadraticMean(Interpolate& e, double v)
+{
+    ++e.recordCount;
+    e.sum += v * v;
+}
+
+inline void addToCount(Interpolate& e, double)
+{
+    ++e.recordCount;
+}
+
+// Records that lie inside the current interval change only the engine's
+// running state (a sum, a count, the last or the most extreme record, the
+// values kept for a median): a reader of fixed-length values may hand them
+// over a run at a time, straight from a block of the file, as timestamps and
+// doubles, rather than one DataRecord each through handleNextRawRecord. The
+// run ends at the first record outside [lo, hi] or at or past intervalNext,
+// or where a method wants a record whole (the first record of a linear sum,
+// a median or mode that reached its cap); that record then goes the usual
+// way. The results are those of the usual way, record for record.
+//
+// True when the engine's method takes plain runs at all (every method but
+// raw). The caller checks acceptsRecords before each run.
+bool takesPlainRuns(const Interpolate& e);
+
+// Takes the run of records from p on (n of them, in layout l, based at
+// base); returns how many it took, 0 when the first must go the usual way.
+qint64 takePlainRun(Interpolate& e, const uchar* p, qint64 n, const RecordLayout& l, long long base, long long lo,
+                    long long hi);
 
 // Moves past every interval boundary at or before ts without delivering
 // anything.

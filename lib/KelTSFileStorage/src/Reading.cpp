@@ -1,8 +1,8 @@
 // Reading and counting ranges. Files are walked strictly in time order from
 // the file that holds the start of the range; records are decoded from
 // blocks of whole records and handed to the interpolation engine (or, for
-// plain raw reads, appended to the caller's vector directly; for the means
-// and the count, added to the current interval as plain values). Memory of a
+// plain raw reads, appended to the caller's vector directly; inside an
+// interval, handed over as runs of plain values). Memory of a
 // read is its output plus one block, never the series.
 
 #include "TSFileStorage.h"
@@ -29,23 +29,6 @@ void logOpenFailure(const TSFileInfo& info, const QString& failure, int line)
     detail::storageLog(detail::LOG_FAILURE, failure, line).arg(info.filePath()).endl();
 }
 
-// Adds the values of the records from p on to the engine's current interval
-// while they lie in [lo, hi] and before the interval's end; returns how many
-// it added. Out of line, so that the loop keeps its state in registers.
-__attribute__((noinline)) qint64 addToInterval(const uchar* p, qint64 n, const detail::RecordLayout& l,
-                                               long long base, long long lo, long long hi, Interpolate& e,
-                                               detail::ValueAdder add)
-{
-    const long long next = e.intervalNext;  // the adders leave it alone
-    for (qint64 i = 0; i < n; ++i, p += l.stride) {
-        const long long ts = detail::decodeTimestamp(p, l.offsetWidth, base);
-        if (ts < lo || ts > hi || ts >= next)
-            return i;
-        add(e, detail::decodeAsDouble(p + l.offsetWidth, l.type));
-    }
-    return n;
-}
-
 long long rawCount(TSFileStorage& storage, long long start, long long end);
 
 // One walk over the files of a read range, feeding what it reads to the
@@ -57,7 +40,7 @@ public:
               std::vector<Record>& out, bool isP, long long readStart, long long readEnd)
         : series(series), storage(storage), engine(engine), out(out), isP(isP),
           direct(!isP && engine.passesRawRecordsThrough()),
-          adder(isP ? nullptr : detail::valueAdderOf(engine)), readStart(readStart), readEnd(readEnd)
+          plainRuns(!isP && detail::takesPlainRuns(engine)), readStart(readStart), readEnd(readEnd)
     {
         if (isP)
             for (const Record& r : out)
@@ -139,11 +122,11 @@ private:
         }
         const qint64 to = std::min(count, end + 1);
         const detail::RecordLayout& l = file.layout();
-        const bool plainValues = adder && !l.variable;
+        const bool plainValues = plainRuns && !l.variable;
         file.visitBlocks(from, to - from, [&](const uchar* p, qint64 n) {
             for (qint64 i = 0; i < n && !stopped; ++i) {
                 if (plainValues && engine.acceptsRecords) {
-                    i += addToInterval(p + i * l.stride, n - i, l, file.base(), readStart, readEnd, engine, adder);
+                    i += detail::takePlainRun(engine, p + i * l.stride, n - i, l, file.base(), readStart, readEnd);
                     if (i == n)
                         break;
                 }
@@ -206,7 +189,7 @@ private:
     std::vector<Record>& out;
     const bool isP;
     const bool direct;
-    const detail::ValueAdder adder;  // records inside the current interval go as plain values
+    const bool plainRuns;  // records inside the current interval may go as plain runs
     const long long readStart;
     const long long readEnd;
     bool stopped = false;
