@@ -85,6 +85,41 @@ TEST_F(Lookups, PointLookupsFollowTheProbeOfTheSearch)
     EXPECT_EQ(rec.timestamp, t0 + 1000);
 }
 
+// The last probes of a search are answered from one block read of what is
+// left of the range; in a file whose records are out of order they must
+// still be the probes' own answers, as the format's stream search gives them.
+TEST_F(Lookups, PointLookupsInAnUnorderedFileLandWhereTheStreamSearchLands)
+{
+    Records records;
+    for (int i = 0; i < 3000; ++i)
+        records.push_back({t0 + i * 1000LL, double(i)});
+    ASSERT_TRUE(write(records));
+    const QString path = file(QStringLiteral("2024"));
+    QByteArray bytes = readBytes(path);
+    const int length = 13;
+    ASSERT_EQ(bytes.size(), 3000 * length);
+    // Swap records far apart and in the last block of many searches.
+    for (const auto& [a, b] : {std::pair{10, 2900}, {1500, 1510}, {700, 2200}, {1499, 1700}})
+        for (int k = 0; k < length; ++k)
+            std::swap(bytes[a * length + k], bytes[b * length + k]);
+    writeBytes(path, bytes);
+
+    QFile f(path);
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    QDataStream stream(&f);
+    const long long base = ms("2024-01-01T00:00:00Z");
+    for (long long ts = t0 - 500; ts <= t0 + 3001000; ts += 997) {
+        SCOPED_TRACE(ts - t0);
+        stream.device()->seek(0);
+        series->seekToTsOffsetPos(stream, f.size(), ts - base, 5, Kel::TSFileInfo::DEPTH_YEAR);
+        const Record probed = series->readCurrDataRecord(stream, base, Kel::TSFileInfo::DEPTH_YEAR);
+        Record found;
+        EXPECT_EQ(series->findDataRecord(ts, found), probed.timestamp == ts);
+        EXPECT_EQ(found.timestamp, probed.timestamp);
+        EXPECT_EQ(found.value, probed.value);
+    }
+}
+
 // A Float record takes 5 + 8 bytes in a year file, but lookups and counts
 // step by the declared 5 + 4: they read timestamps made of other bytes, as
 // the format always has. A read from the start of a file steps by what it

@@ -36,7 +36,7 @@ namespace {
     X(write) X(pwrite) X(pwrite64) X(writev) X(lseek) X(lseek64) X(fstat) X(fstat64) X(stat)        \
     X(stat64) X(lstat) X(lstat64) X(fstatat) X(fstatat64) X(statx) X(access) X(faccessat) X(rename) \
     X(renameat) X(renameat2) X(unlink) X(unlinkat) X(remove) X(mkdir) X(mkdirat) X(rmdir)          \
-    X(ftruncate) X(ftruncate64) X(link) X(linkat) X(opendir) X(fdopendir) X(readdir) X(readdir64) X(mmap) X(mmap64)  \
+    X(ftruncate) X(ftruncate64) X(link) X(linkat) X(opendir) X(fdopendir) X(readdir) X(readdir64) X(getdents64) X(mmap) X(mmap64)  \
     X(fcntl) X(fcntl64)
 
 enum Call {
@@ -496,6 +496,12 @@ struct dirent64* readdir64(DIR* dir)
 {
     KELTS_NEXT(readdir64);
     return fails(call_readdir64) ? nullptr : real(dir);
+}
+
+ssize_t getdents64(int fd, void* buf, size_t n)
+{
+    KELTS_NEXT(getdents64);
+    return fails(call_getdents64) ? -1 : real(fd, buf, n);
 }
 
 // Only mappings of files count: anonymous ones are memory, not the disk.

@@ -122,14 +122,17 @@ qint64 firstIndexNotBefore(qint64 lo, qint64 hi, TimestampAt timestampAt, Before
 // The format's own search for a timestamp among count records, as lookups
 // have always probed: it halves the range until a probe meets ts or the
 // range closes, and answers the index it probed last (the match when there
-// is one, else a neighbour of ts's place); -1 when count is 0.
-template <typename TimestampAt>
-qint64 lastProbedIndex(qint64 count, TimestampAt timestampAt, long long ts)
+// is one, else a neighbour of ts's place); -1 when count is 0. narrowed(lo,
+// hi) hears the range before each probe, so that a caller may read what is
+// left of it at once.
+template <typename TimestampAt, typename Narrowed>
+qint64 lastProbedIndex(qint64 count, TimestampAt timestampAt, long long ts, Narrowed narrowed)
 {
     qint64 lo = 0;
     qint64 hi = count;
     qint64 probed = -1;
     while (lo < hi) {
+        narrowed(lo, hi);
         probed = (lo + hi) >> 1;
         const long long at = timestampAt(probed);
         if (at == ts)
@@ -140,6 +143,12 @@ qint64 lastProbedIndex(qint64 count, TimestampAt timestampAt, long long ts)
             hi = probed;
     }
     return probed;
+}
+
+template <typename TimestampAt>
+qint64 lastProbedIndex(qint64 count, TimestampAt timestampAt, long long ts)
+{
+    return lastProbedIndex(count, timestampAt, ts, [](qint64, qint64) {});
 }
 
 // Calls f with the offset width as a std::integral_constant, for loops over

@@ -190,15 +190,35 @@ Interpolate::DataRecord RecordFile::recordPastEnd()
     return {baseTs, valueOf(zeros)};
 }
 
+// The probes go to the disk one by one until what is left of the range fits
+// one search block; that is read at once, and the last probes are answered
+// from it. They see the same bytes in the same places: the answer is the
+// probes' own, whatever the file holds.
 qint64 RecordFile::probePosition(long long ts)
 {
     const qint64 length = recordLayout.recordLength;
-    const auto timestampAtPosition = [&](qint64 i) {
-        uchar p[8] = {};
-        readBytes(i * length, reinterpret_cast<char*>(p), recordLayout.offsetWidth);
-        return decodeTimestamp(p, recordLayout.offsetWidth, baseTs);
+    const int width = recordLayout.offsetWidth;
+    uchar block[kSearchBlockRecords * 16];
+    qint64 blockFrom = -1;
+    qint64 blockTo = -1;
+    bool blockTried = false;
+    const auto readRest = [&](qint64 lo, qint64 hi) {
+        if (blockTried || hi - lo > kSearchBlockRecords)
+            return;
+        blockTried = true;
+        if (readBytes(lo * length, reinterpret_cast<char*>(block), (hi - lo) * length)) {
+            blockFrom = lo;
+            blockTo = hi;
+        }
     };
-    return std::max<qint64>(0, lastProbedIndex(wholeBytes() / length, timestampAtPosition, ts)) * length;
+    const auto timestampAtPosition = [&](qint64 i) {
+        if (i >= blockFrom && i < blockTo)
+            return decodeTimestamp(block + (i - blockFrom) * length, width, baseTs);
+        uchar p[8] = {};
+        readBytes(i * length, reinterpret_cast<char*>(p), width);
+        return decodeTimestamp(p, width, baseTs);
+    };
+    return std::max<qint64>(0, lastProbedIndex(wholeBytes() / length, timestampAtPosition, ts, readRest)) * length;
 }
 
 qint64 RecordFile::lastPosition() const

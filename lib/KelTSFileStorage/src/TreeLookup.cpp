@@ -19,7 +19,9 @@
 #include <functional>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace Kel {
 
@@ -30,16 +32,31 @@ namespace {
 constexpr int kMaxLevels = 5;
 
 // A regular file or a directory, a link counting as what it points to:
-// what QDir lists with Dirs | Files.
-bool isFileOrDir(int dirFd, const dirent* entry)
+// what QDir lists with Dirs | Files. The entry's type in the listing
+// decides; only a link, or a file system that gives no type, is asked.
+enum class EntryKind { File, Directory, Other };
+
+EntryKind kindOf(int dirFd, const char* name, unsigned char type)
 {
-    if (entry->d_type == DT_REG || entry->d_type == DT_DIR)
-        return true;
-    if (entry->d_type != DT_LNK && entry->d_type != DT_UNKNOWN)
-        return false;
+    if (type == DT_REG)
+        return EntryKind::File;
+    if (type == DT_DIR)
+        return EntryKind::Directory;
     struct stat st;
-    return ::fstatat(dirFd, entry->d_name, &st, 0) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
+    if ((type != DT_LNK && type != DT_UNKNOWN) || ::fstatat(dirFd, name, &st, 0) != 0)
+        return EntryKind::Other;
+    return S_ISREG(st.st_mode) ? EntryKind::File : S_ISDIR(st.st_mode) ? EntryKind::Directory : EntryKind::Other;
 }
+
+// getdents64's records, read into a buffer that a level of the tree fills
+// at once: at most a few dozen names.
+struct DirentRecord {
+    ino64_t inode;
+    off64_t next;
+    unsigned short length;
+    unsigned char type;
+    char name[1];
+};
 
 // The kind of a tree entry as its file info tells it: the info keeps what it
 // saw, so that the lookup's caller finds the same kind however the tree
@@ -73,45 +90,59 @@ void logListingFailure(const QString& dirPath, int error)
 
 namespace detail {
 
-// The directory is read directly: a QDir listing builds a file info for
-// every entry, and its name filters match a pattern against each, at several
-// times the cost.
+// The directory is read directly, with getdents64 on a descriptor opened
+// for it: a QDir listing builds a file info for every entry and matches a
+// pattern against each, and opendir asks for the directory's attributes
+// first, none of which a lookup needs.
+std::vector<TreeEntry> listTreeEntries(const QString& dirPath, bool backward, bool* complete)
+{
+    std::vector<TreeEntry> entries;
+    if (complete)
+        *complete = true;
+    const auto broken = [&](int error) {
+        logListingFailure(dirPath, error);
+        if (complete)
+            *complete = false;
+    };
+    const int fd = ::open(QFile::encodeName(dirPath).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno != ENOENT && errno != ENOTDIR)
+            broken(errno);
+        return entries;
+    }
+    alignas(DirentRecord) char buffer[16384];
+    for (;;) {
+        const ssize_t n = ::getdents64(fd, buffer, sizeof buffer);
+        if (n < 0)
+            broken(errno);
+        if (n <= 0)
+            break;
+        for (ssize_t at = 0; at < n;) {
+            const auto* record = reinterpret_cast<const DirentRecord*>(buffer + at);
+            at += record->length;
+            if (record->name[0] == '.')
+                continue;
+            const QString name = QFile::decodeName(record->name);
+            if (!names::isTreeName(name))
+                continue;
+            const EntryKind kind = kindOf(fd, record->name, record->type);
+            if (kind != EntryKind::Other)
+                entries.push_back({name, kind == EntryKind::Directory});
+        }
+    }
+    ::close(fd);
+    const auto order = [backward](const TreeEntry& a, const TreeEntry& b) {
+        return backward ? b.name < a.name : a.name < b.name;
+    };
+    std::sort(entries.begin(), entries.end(), order);
+    return entries;
+}
+
 QStringList listTreeNames(const QString& dirPath, bool backward, bool* complete)
 {
     QStringList names;
-    if (complete)
-        *complete = true;
-    DIR* dir = ::opendir(QFile::encodeName(dirPath).constData());
-    if (!dir) {
-        if (errno != ENOENT && errno != ENOTDIR) {
-            logListingFailure(dirPath, errno);
-            if (complete)
-                *complete = false;
-        }
-        return names;
-    }
-    for (;;) {
-        errno = 0;
-        const dirent* entry = ::readdir(dir);
-        if (!entry) {
-            if (errno != 0) {
-                logListingFailure(dirPath, errno);
-                if (complete)
-                    *complete = false;
-            }
-            break;
-        }
-        if (entry->d_name[0] == '.')
-            continue;
-        const QString name = QFile::decodeName(entry->d_name);
-        if (detail::names::isTreeName(name) && isFileOrDir(::dirfd(dir), entry))
-            names.append(name);
-    }
-    ::closedir(dir);
-    if (backward)
-        std::sort(names.begin(), names.end(), std::greater<QString>());
-    else
-        std::sort(names.begin(), names.end());
+    for (TreeEntry& entry : listTreeEntries(dirPath, backward, complete))
+        names.append(std::move(entry.name));
     return names;
 }
 
@@ -137,23 +168,27 @@ TSFileInfo TSDirControl::findFile(long long timestampMs)
 
 TSFileInfo TSDirControl::findFirstLastFile(bool first)
 {
-    QDir dir(baseDir);
-    if (!isDirectoryEntry(QFileInfo(baseDir)))
-        return TSFileInfo();
+    QString dirPath = QDir(baseDir).path();
     QString relDir;
     for (int level = 0; level < kMaxLevels; ++level) {
         bool complete = true;
-        const QStringList names = detail::listTreeNames(dir.path(), !first, &complete);
+        const std::vector<detail::TreeEntry> entries = detail::listTreeEntries(dirPath, !first, &complete);
         // An empty directory on the way ends the search, even if other
         // branches hold files. A listing broken off finds nothing: the
         // first or last of the names it got need not be the first or last.
-        if (names.isEmpty() || !complete)
+        if (entries.empty() || !complete)
             return TSFileInfo();
-        const QFileInfo entry(dir.path() + u'/' + names.first());
-        if (isFileEntry(entry))
-            return TSFileInfo(entry, relDir);
-        relDir += names.first() + u'/';
-        dir.setPath(entry.filePath());
+        const detail::TreeEntry& next = entries.front();
+        const QString path = dirPath + u'/' + next.name;
+        // A directory is listed next as it is; a file is asked once more,
+        // and the info that answered goes to the caller.
+        if (!next.isDirectory) {
+            const QFileInfo entry(path);
+            if (isFileEntry(entry))
+                return TSFileInfo(entry, relDir);
+        }
+        relDir += next.name + u'/';
+        dirPath = path;
     }
     return TSFileInfo();
 }
@@ -176,47 +211,37 @@ TSFileInfo TSDirControl::findPrevNextFile(TSFileInfo file, bool prev)
         QDir dir(file.path());
         const QString relDir = file.getSubDir();
         bool complete = true;
-        const QStringList names = detail::listTreeNames(dir.path(), prev, &complete);
+        const std::vector<detail::TreeEntry> entries = detail::listTreeEntries(dir.path(), prev, &complete);
         // A listing broken off ends the walk: the next name it got need not
         // be the next one there is.
         if (!complete)
             return TSFileInfo();
         const QString name = file.fileName();
-
-        qsizetype candidate = names.indexOf(name);
-        if (candidate >= 0) {
-            ++candidate;
-        } else {
-            candidate = names.size();
-            for (qsizetype i = 0; i < names.size(); ++i) {
-                const int order = names[i].compare(name);
-                if (prev ? order <= 0 : order >= 0) {
-                    candidate = order == 0 ? i + 1 : i;
-                    break;
-                }
-            }
-        }
-
-        if (candidate < names.size()) {
-            QString entryName = names[candidate];
-            QString entryPath = dir.path() + u'/' + entryName;
-            const QFileInfo entry(entryPath);
-            if (!isDirectoryEntry(entry))
+        const auto comesAfter = [&](const detail::TreeEntry& e) {
+            return prev ? e.name < name : name < e.name;
+        };
+        const auto candidate = std::find_if(entries.begin(), entries.end(), comesAfter);
+        if (candidate != entries.end()) {
+            const QFileInfo entry(dir.path() + u'/' + candidate->name);
+            if (!candidate->isDirectory)
                 return TSFileInfo(entry, relDir);
             // Descend to the earliest file of the next period (or the latest
             // of the previous one); an empty directory on the way means none.
-            QString entryRelDir = relDir;
+            QString entryRelDir = relDir + candidate->name + u'/';
+            QString entryPath = entry.filePath();
             for (int level = file.getDirDepth() + 1; level < kMaxLevels; ++level) {
-                entryRelDir += entryName + u'/';
-                const QDir sub(entryPath);
-                const QStringList subNames = detail::listTreeNames(sub.path(), prev, &complete);
-                if (subNames.isEmpty() || !complete)
+                const std::vector<detail::TreeEntry> subEntries =
+                    detail::listTreeEntries(entryPath, prev, &complete);
+                if (subEntries.empty() || !complete)
                     return TSFileInfo();
-                entryName = subNames.first();
-                entryPath = sub.path() + u'/' + entryName;
-                const QFileInfo entry(entryPath);
-                if (isFileEntry(entry))
-                    return TSFileInfo(entry, entryRelDir);
+                const detail::TreeEntry& first = subEntries.front();
+                entryPath += u'/' + first.name;
+                if (!first.isDirectory) {
+                    const QFileInfo sub(entryPath);
+                    if (isFileEntry(sub))
+                        return TSFileInfo(sub, entryRelDir);
+                }
+                entryRelDir += first.name + u'/';
             }
             return TSFileInfo();
         }
