@@ -11,7 +11,7 @@ JOBS      ?= $(shell nproc)
 CMAKE_ARGS ?=
 
 BASE_PACKAGES  = cmake make g++ pkg-config qt6-base-dev libpoco-dev libgtest-dev libgmock-dev
-BENCH_PACKAGES = libbenchmark-dev libsqlite3-dev
+BENCH_PACKAGES = libbenchmark-dev libsqlite3-dev sqlite3
 FUZZ_PACKAGES  = clang libclang-rt-14-dev
 
 .PHONY: all deps build test test-sanitize test-tsan demo bench fuzz install clean

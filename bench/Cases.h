@@ -39,6 +39,8 @@ void runMethodCases(Context& c);  // every method hourly beside the mean
 void runLookupCases(Context& c);  // single records beside SQLite's
 void runChangeCases(Context& c);  // inserts, overwrites, back-fill, delete beside SQLite's inserts
 void runStringCases(Context& c);  // a QString series
+void runToolCases(Context& c);    // kelts write and read beside the sqlite3 shell
+void runManySeriesCases(Context& c);  // one append to each of 500 series beside SQLite
 
 std::unique_ptr<Kel::TSFileStorage> openSeries(const std::string& dir,
                                                QMetaType::Type type = QMetaType::Double,

@@ -46,6 +46,9 @@ void runLookupCases(Context& c)
             return series->findPrevDataRecord(before + 500, rec) &&
                    (rec.timestamp == before || rec.timestamp == before + kSecondMs);
         }, "findPrevDataRecord"), "sqlite-prev", "");
+    add("first", "getFirstDataRecord", lookups(c, [&](long long) {
+            return series->getFirstDataRecord(rec) && rec.timestamp == w.t0;
+        }, "getFirstDataRecord"), "sqlite-last", "");
     add("last", "getLastDataRecord", lookups(c, [&](long long) {
             return series->getLastDataRecord(rec) && rec.timestamp == w.lastTs();
         }, "getLastDataRecord"), "sqlite-last", "");

@@ -93,6 +93,10 @@ void addTargets(Table& t)
     t.target({"mean-hourly", "read-limit", 0.10});
     t.target({"mean-hourly", "sqlite-group", 30.0});
     t.target({"insert-one", "sqlite-insert-one", 2.0});
+    t.target({"read-short", "sqlite-short", 3.0});
+    t.target({"last", "sqlite-last", 0.1});
+    t.target({"find", "sqlite-find", 0.5});
+    t.target({"find-prev", "sqlite-prev", 0.5});
     // Ten times the records in the same files cost less than twice the time.
     t.target({"count-raw", "count-sparse", 0.5});
 }
@@ -128,6 +132,7 @@ int runAll(const Options& o)
 
     stage("limits", runLimitCases, c);
     stage("appends", runWriteCases, c);
+    stage("many", runManySeriesCases, c);
     stage("reads", runReadCases, c);
     stage("methods", runMethodCases, c);
     stage("lookups", runLookupCases, c);
@@ -137,6 +142,7 @@ int runAll(const Options& o)
     removeTree(dir.path("peak-append"));
     stage("changes", runChangeCases, c);
     stage("strings", runStringCases, c);
+    stage("tool", runToolCases, c);
 
     std::printf("kelts_bench: %lld records of a Double series (%lld days), one a second from 2024-01-01\n",
                 o.records, work.days());

@@ -77,6 +77,28 @@ TEST(KeltsTimeText, PrintedTimesReadBackAsTheSameInstant)
     }
 }
 
+// Rows of a read are written straight into a buffer; the text must be the
+// one the general way prints, to the character.
+TEST(KeltsTimeText, TimesWrittenIntoRowsAreThePrintedOnes)
+{
+    std::mt19937_64 random(6);
+    std::uniform_int_distribution<long long> anyMs(-62135596800000LL, kLatestMs);
+    std::vector<long long> instants = {0, -1, 1, -62135596800000LL, kLatestMs, 951782400000LL /* 2000-02-29 */,
+                                       4107542399999LL /* 2100-02-28 end */, -86400000LL, -86400001LL};
+    for (int i = 0; i < 20000; ++i)
+        instants.push_back(anyMs(random));
+    for (const long long ms : instants) {
+        for (const TimeFormat format : {TimeFormat::Iso, TimeFormat::Ms}) {
+            char text[kTimeTextBytes];
+            const char* end = writeTime(text, ms, format);
+            ASSERT_NE(end, nullptr) << ms;
+            ASSERT_EQ(QString::fromLatin1(text, int(end - text)), formatTime(ms, format)) << ms;
+        }
+    }
+    char text[kTimeTextBytes];
+    EXPECT_EQ(writeTime(text, kEarliestMs, TimeFormat::Iso), nullptr);  // year 0: isoTime's own
+}
+
 TEST(KeltsTimeText, BoundsAreTimesOrAnchorsWithAShift)
 {
     const struct {
@@ -198,6 +220,30 @@ TEST(KeltsValueText, FloatsAndDoublesPrintShortAndReadBackBitForBit)
         ASSERT_EQ(std::memcmp(&fback, &f, sizeof f), 0) << qPrintable(ftext);
     }
     EXPECT_EQ(formatValue(QVariant(), QMetaType::Double), "");
+}
+
+TEST(KeltsValueText, ValuesWrittenIntoRowsAreThePrintedOnes)
+{
+    const double inf = std::numeric_limits<double>::infinity();
+    const std::pair<QVariant, QMetaType::Type> cases[] = {
+        {QVariant(), QMetaType::Double},           {QVariant(0.1), QMetaType::Double},
+        {QVariant(-0.0), QMetaType::Double},       {QVariant(std::nan("")), QMetaType::Double},
+        {QVariant(-inf), QMetaType::Double},       {QVariant(1e300), QMetaType::Double},
+        {QVariant(3.4e38f), QMetaType::Float},     {QVariant(true), QMetaType::Bool},
+        {QVariant(false), QMetaType::Bool},        {QVariant(-128), QMetaType::Char},
+        {QVariant(65535), QMetaType::UShort},      {QVariant(uint(4294967295u)), QMetaType::UInt},
+        {QVariant(qlonglong(-9223372036854775807LL - 1)), QMetaType::LongLong},
+        {QVariant(qulonglong(18446744073709551615ULL)), QMetaType::ULongLong},
+    };
+    for (const auto& [value, type] : cases) {
+        char text[kValueTextBytes];
+        const char* end = writeValue(text, value, type);
+        ASSERT_NE(end, nullptr) << qPrintable(value.toString());
+        EXPECT_EQ(QString::fromLatin1(text, int(end - text)), formatValue(value, type));
+    }
+    char text[kValueTextBytes];
+    EXPECT_EQ(writeValue(text, QVariant(QStringLiteral("a,b")), QMetaType::QString), nullptr);
+    EXPECT_EQ(writeValue(text, QVariant(42), QMetaType::QVariant), nullptr);
 }
 
 TEST(KeltsValueText, TypeNamesAreTheOperatorsWords)

@@ -133,6 +133,14 @@ void CsvWriter::row(const QStringList& fields)
         flush();
 }
 
+void CsvWriter::row(const char* text, std::size_t size)
+{
+    buffer.append(text, qsizetype(size));
+    buffer += '\n';
+    if (buffer.size() >= kFlushBytes)
+        flush();
+}
+
 void CsvWriter::blankLine()
 {
     buffer += '\n';

@@ -50,6 +50,8 @@ public:
 
     // Fields are written as given: quote them with csvField where needed.
     void row(const QStringList& fields);
+    // A row already written as text, without its line end.
+    void row(const char* text, std::size_t size);
     void blankLine();
     void flush();
 

@@ -32,9 +32,20 @@ struct Printer {
     QMetaType::Type type;
     TimeFormat format;
 
+    // Numbers and times are written straight into the row; text and JSON
+    // values take the general way, which quotes them where CSV needs it.
     void record(const Interpolate::DataRecord& r)
     {
-        out.row({formatTime(r.timestamp, format), csvField(formatValue(r.value, type))});
+        char row[kTimeTextBytes + 1 + kValueTextBytes];
+        char* p = writeTime(row, r.timestamp, format);
+        if (p) {
+            *p++ = ',';
+            p = writeValue(p, r.value, type);
+        }
+        if (p)
+            out.row(row, std::size_t(p - row));
+        else
+            out.row({formatTime(r.timestamp, format), csvField(formatValue(r.value, type))});
     }
     void records(const Records& rs)
     {

@@ -7,6 +7,8 @@
 #include <QRegularExpression>
 #include <QTime>
 
+#include <charconv>
+
 namespace kelts {
 
 namespace {
@@ -126,6 +128,64 @@ QString isoTime(long long ms)
 QString formatTime(long long ms, TimeFormat format)
 {
     return format == TimeFormat::Ms ? QString::number(ms) : isoTime(ms);
+}
+
+namespace {
+
+char* digits(char* p, long long value, int width)
+{
+    for (int i = width - 1; i >= 0; --i) {
+        p[i] = char('0' + value % 10);
+        value /= 10;
+    }
+    return p + width;
+}
+
+// The proleptic Gregorian date of a day counted from 1970-01-01.
+void civilDate(long long days, long long& year, int& month, int& day)
+{
+    days += 719468;
+    const long long era = (days >= 0 ? days : days - 146096) / 146097;
+    const long long dayOfEra = days - era * 146097;
+    const long long yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const long long dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const long long mp = (5 * dayOfYear + 2) / 153;
+    day = int(dayOfYear - (153 * mp + 2) / 5 + 1);
+    month = int(mp < 10 ? mp + 3 : mp - 9);
+    year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
+}
+
+} // namespace
+
+char* writeTime(char* p, long long ms, TimeFormat format)
+{
+    if (format == TimeFormat::Ms)
+        return std::to_chars(p, p + kTimeTextBytes, ms).ptr;
+    const long long days = (ms >= 0 ? ms : ms - (kDayMs - 1)) / kDayMs;
+    long long inDay = ms - days * kDayMs;
+    long long year = 0;
+    int month = 0;
+    int day = 0;
+    civilDate(days, year, month, day);
+    if (year < 1 || year > 9999)
+        return nullptr;
+    p = digits(p, year, 4);
+    *p++ = '-';
+    p = digits(p, month, 2);
+    *p++ = '-';
+    p = digits(p, day, 2);
+    *p++ = 'T';
+    p = digits(p, inDay / kHourMs, 2);
+    inDay %= kHourMs;
+    *p++ = ':';
+    p = digits(p, inDay / kMinuteMs, 2);
+    inDay %= kMinuteMs;
+    *p++ = ':';
+    p = digits(p, inDay / kSecondMs, 2);
+    *p++ = '.';
+    p = digits(p, inDay % kSecondMs, 3);
+    *p++ = 'Z';
+    return p;
 }
 
 bool parseTimeFormat(QStringView text, TimeFormat& format, QString& why)

@@ -29,6 +29,11 @@ enum class TimeFormat { Iso, Ms };
 // reads back as the same instant.
 QString isoTime(long long ms);
 QString formatTime(long long ms, TimeFormat format);
+// The same text written into p, for the millions of rows of a read: at most
+// kTimeTextBytes characters. Returns the end of the text, or null for an
+// instant before year 1, which only isoTime writes.
+constexpr int kTimeTextBytes = 24;
+char* writeTime(char* p, long long ms, TimeFormat format);
 bool parseTimeFormat(QStringView text, TimeFormat& format, QString& why);
 
 // A length of time: "250ms", "90s", "15m", "1h", "2d", "1w"; a plain number

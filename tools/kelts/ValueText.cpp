@@ -8,6 +8,7 @@
 #include <QJsonValue>
 
 #include <charconv>
+#include <cstring>
 #include <limits>
 
 namespace kelts {
@@ -216,6 +217,30 @@ QString formatValue(const QVariant& value, QMetaType::Type seriesType)
     case QMetaType::Double: return shortestText(value.toDouble());
     case QMetaType::Float: return shortestText(value.toFloat());
     default: return value.toString();
+    }
+}
+
+char* writeValue(char* p, const QVariant& value, QMetaType::Type seriesType)
+{
+    if (!value.isValid())
+        return p;
+    if (seriesType == QMetaType::QVariant)
+        return nullptr;
+    char* const end = p + kValueTextBytes;
+    switch (value.typeId()) {
+    case QMetaType::Bool: {
+        const char* text = value.toBool() ? "true" : "false";
+        const size_t n = std::strlen(text);
+        std::memcpy(p, text, n);
+        return p + n;
+    }
+    case QMetaType::Double: return std::to_chars(p, end, value.toDouble()).ptr;
+    case QMetaType::Float: return std::to_chars(p, end, value.toFloat()).ptr;
+    case QMetaType::Int: return std::to_chars(p, end, value.toInt()).ptr;
+    case QMetaType::UInt: return std::to_chars(p, end, value.toUInt()).ptr;
+    case QMetaType::LongLong: return std::to_chars(p, end, value.toLongLong()).ptr;
+    case QMetaType::ULongLong: return std::to_chars(p, end, value.toULongLong()).ptr;
+    default: return nullptr;
     }
 }
 

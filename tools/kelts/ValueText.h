@@ -36,5 +36,11 @@ bool parseValue(QStringView text, QMetaType::Type type, QVariant& value, QString
 // decimals for float and double, true/false for bool, JSON for variant
 // series; an empty text for no value (a null of a fillNull read).
 QString formatValue(const QVariant& value, QMetaType::Type seriesType);
+// The same text written into p for a number, a bool or no value, which
+// need no quotes in CSV: at most kValueTextBytes characters. Returns the
+// end of the text, or null for a value that only formatValue writes (text,
+// JSON).
+constexpr int kValueTextBytes = 32;
+char* writeValue(char* p, const QVariant& value, QMetaType::Type seriesType);
 
 } // namespace kelts
