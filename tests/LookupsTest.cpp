@@ -8,6 +8,26 @@ using Kel::TSFileStorage;
 
 class Lookups : public StorageFixture {
 protected:
+    // findDataRecord at ts from `from` to `to` lands where the format's
+    // stream search lands in the year file 2024.
+    void expectLookupsLandAsTheStreamSearch(long long from, long long to, long long step)
+    {
+        QFile f(file(QStringLiteral("2024")));
+        ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+        QDataStream stream(&f);
+        const long long base = ms("2024-01-01T00:00:00Z");
+        for (long long ts = from; ts <= to; ts += step) {
+            SCOPED_TRACE(ts - t0);
+            stream.device()->seek(0);
+            series->seekToTsOffsetPos(stream, f.size(), ts - base, 5, Kel::TSFileInfo::DEPTH_YEAR);
+            const Record probed = series->readCurrDataRecord(stream, base, Kel::TSFileInfo::DEPTH_YEAR);
+            Record found;
+            EXPECT_EQ(series->findDataRecord(ts, found), probed.timestamp == ts);
+            EXPECT_EQ(found.timestamp, probed.timestamp);
+            EXPECT_EQ(found.value, probed.value);
+        }
+    }
+
     const long long t0 = ms("2024-05-07T00:00:00Z");
 };
 
@@ -103,21 +123,7 @@ TEST_F(Lookups, PointLookupsInAnUnorderedFileLandWhereTheStreamSearchLands)
         for (int k = 0; k < length; ++k)
             std::swap(bytes[a * length + k], bytes[b * length + k]);
     writeBytes(path, bytes);
-
-    QFile f(path);
-    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
-    QDataStream stream(&f);
-    const long long base = ms("2024-01-01T00:00:00Z");
-    for (long long ts = t0 - 500; ts <= t0 + 3001000; ts += 997) {
-        SCOPED_TRACE(ts - t0);
-        stream.device()->seek(0);
-        series->seekToTsOffsetPos(stream, f.size(), ts - base, 5, Kel::TSFileInfo::DEPTH_YEAR);
-        const Record probed = series->readCurrDataRecord(stream, base, Kel::TSFileInfo::DEPTH_YEAR);
-        Record found;
-        EXPECT_EQ(series->findDataRecord(ts, found), probed.timestamp == ts);
-        EXPECT_EQ(found.timestamp, probed.timestamp);
-        EXPECT_EQ(found.value, probed.value);
-    }
+    expectLookupsLandAsTheStreamSearch(t0 - 500, t0 + 3001000, 997);
 }
 
 // A Float record takes 5 + 8 bytes in a year file, but lookups and counts
@@ -147,19 +153,7 @@ TEST_F(Lookups, FloatSeriesLookupsAndCountsStepByTheDeclaredRecordLength)
     EXPECT_EQ(series->getCount({}, {}, base2023, ms("2024-01-01T00:00:00Z"), true, false, false), 4);
 
     // Each lookup lands where the format's stream operations land.
-    QFile f(file(QStringLiteral("2024")));
-    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
-    QDataStream stream(&f);
-    for (long long ts = t0 - 500; ts <= t0 + 3500; ts += 250) {
-        SCOPED_TRACE(ts - t0);
-        stream.device()->seek(0);
-        series->seekToTsOffsetPos(stream, f.size(), ts - base, 5, Kel::TSFileInfo::DEPTH_YEAR);
-        const Record probed = series->readCurrDataRecord(stream, base, Kel::TSFileInfo::DEPTH_YEAR);
-        Record found;
-        EXPECT_EQ(series->findDataRecord(ts, found), probed.timestamp == ts);
-        EXPECT_EQ(found.timestamp, probed.timestamp);
-        EXPECT_EQ(found.value, probed.value);
-    }
+    expectLookupsLandAsTheStreamSearch(t0 - 500, t0 + 3500, 250);
     Record found;
     EXPECT_FALSE(series->findDataRecord(t0 + 1000, found));  // stored, and not found
 
