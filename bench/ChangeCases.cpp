@@ -1,6 +1,7 @@
 // Changing the series in place: 10,000 random inserts between existing
 // records (one batch, and 100 batches of 100) beside SQLite's inserts of the
-// same rows, 10,000 overwrites that keep the replaced values, a gap of
+// same rows, the same one-batch inserts into a series held in one large
+// year file, 10,000 overwrites that keep the replaced values, a gap of
 // 10,000 records back-filled with the log of back-filled times, and the
 // delete of one day. Each run inserts at its own millisecond offsets, so
 // every insert of every run is a new record; overwrites and back-fills
@@ -13,6 +14,8 @@ namespace bench {
 namespace {
 
 constexpr long long kChanges = 10000;
+// A size limit that keeps the whole workload in one year file.
+constexpr int kOneFileSize = 1000000000;
 // The runs of the two insert cases take offsets 1 + 100 * slot + k % 99 ms
 // after their second, slot 0 to 4 for one batch and 5 to 9 for small ones.
 constexpr int kMaxRuns = 5;
@@ -69,6 +72,16 @@ void runChangeCases(Context& c)
                      return write(*series, insertRecords(w, run), 1, false, false);
                  }),
                  "", "sqlite-insert-one", "", ""});
+    const std::string yearDir = c.dir.path("year-file");
+    appendInBatches(*openSeries(yearDir, QMetaType::Double, kOneFileSize), w.records, w.records,
+                    [&w](long long from, long long count) { return w.batch(from, count); });
+    auto yearSeries = openSeries(yearDir, QMetaType::Double, kOneFileSize);
+    c.table.add({"insert-year", "random inserts, one batch, one year file", repeat(plan, n, [&](int run) {
+                     return write(*yearSeries, insertRecords(w, run), 1, false, false);
+                 }),
+                 "", "sqlite-insert-one", "the slowest run counts", ""});
+    yearSeries.reset();
+    removeTree(yearDir);
     c.table.add({"insert-small", "random inserts, 100 batches of 100", repeat(plan, n, [&](int run) {
                      return write(*series, insertRecords(w, kMaxRuns + run), 100, false, false);
                  }),

@@ -20,11 +20,13 @@ struct Row {
     std::string label;     // the short name under which other rows cite this one
 };
 
-// A ratio a case must reach: rows[row].median / rows[reference].median.
+// A ratio a case must reach: rows[row].median / rows[reference].median, or
+// with everyRun the row's slowest run over the reference's median.
 struct Target {
     std::string row;
     std::string reference;
     double atLeast;
+    bool everyRun = false;
 };
 
 class Table {
