@@ -3,6 +3,7 @@
 // the storage library where the two must agree.
 
 #include "EngineHarness.h"
+#include "KeltsProcess.h"
 #include "StorageFixture.h"
 
 #include <gtest/gtest.h>
@@ -21,64 +22,6 @@ namespace {
 using Kel::Interpolate;
 using Kel::TSFileStorage;
 using namespace Kel::test;
-
-struct Outcome {
-    int status = -1;
-    QString out;
-    QString err;
-};
-
-QStringList lines(const QString& text)
-{
-    return text.split(u'\n', Qt::SkipEmptyParts);
-}
-
-class KeltsTool : public ::testing::Test {
-protected:
-    Outcome kelts(const QStringList& args, const QByteArray& input = QByteArray(),
-              const QProcessEnvironment& env = QProcessEnvironment::systemEnvironment())
-    {
-        QProcess p;
-        p.setProcessEnvironment(env);
-        p.start(QStringLiteral(KELTS_BINARY), args);
-        EXPECT_TRUE(p.waitForStarted());
-        p.write(input);
-        p.closeWriteChannel();
-        EXPECT_TRUE(p.waitForFinished(120000));
-        return {p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1,
-                QString::fromUtf8(p.readAllStandardOutput()), QString::fromUtf8(p.readAllStandardError())};
-    }
-
-    // Writes CSV into a series and expects success.
-    void write(const QString& series, const char* type, const QByteArray& csv, const QStringList& extra = {})
-    {
-        const Outcome r = kelts(QStringList{"write", series, "--type", QLatin1String(type)} + extra, csv);
-        ASSERT_EQ(r.status, 0) << qPrintable(r.err);
-    }
-
-    QStringList readLines(const QString& series, const char* type, const QStringList& extra = {})
-    {
-        const Outcome r = kelts(QStringList{"read", series, "--type", QLatin1String(type), "--time", "ms"} + extra);
-        EXPECT_EQ(r.status, 0) << qPrintable(r.err);
-        return lines(r.out);
-    }
-
-    QString dir(const QString& name = QStringLiteral("s")) const { return tmp.path() + u'/' + name; }
-
-    // Three days of hourly readings, each day written separately, so that
-    // a small size limit gives one file per day.
-    void writeThreeDays(const QString& d)
-    {
-        for (const char* day : {"06", "07", "08"}) {
-            QByteArray csv;
-            for (int h = 10; h < 18; ++h)
-                csv += QStringLiteral("2024-05-%1T%2:00:00Z,%3\n").arg(day).arg(h).arg(h).toUtf8();
-            write(d, "int", csv, {"--max-file-size", "64"});
-        }
-    }
-
-    QTemporaryDir tmp;
-};
 
 TEST_F(KeltsTool, EveryValueTypeRoundTripsThroughWriteAndRead)
 {
@@ -470,3 +413,32 @@ int main(int argc, char** argv)
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
+
+namespace {
+
+using namespace Kel::test;
+
+TEST_F(KeltsTool, LsAndInfoCoverEverySeriesUnderARoot)
+{
+    write(dir("plant/boiler1"), "double", "2024-05-01T00:00:00Z,1.5\n2024-05-01T00:00:10Z,2.5\n");
+    write(dir("plant/area 2/pump"), "int", "2024-05-02T00:00:00Z,7\n");
+    write(dir("plant/area 2/pump"), "string", "2024-05-03T00:00:00Z,on\n");
+    QDir().mkpath(dir("plant/notes"));
+
+    const Outcome ls = kelts({"ls", dir("plant")});
+    EXPECT_EQ(ls.status, 0) << qPrintable(ls.err);
+    EXPECT_EQ(lines(ls.out), (QStringList{"series,types,records,first,last",
+                                          "area 2/pump,int or uint,1,2024-05-02T00:00:00.000Z,2024-05-02T00:00:00.000Z",
+                                          "area 2/pump,string or variant,1,2024-05-03T00:00:00.000Z,2024-05-03T00:00:00.000Z",
+                                          "boiler1,double,2,2024-05-01T00:00:00.000Z,2024-05-01T00:00:10.000Z"}));
+    EXPECT_EQ(lines(kelts({"ls", dir("plant/boiler1"), "--time", "ms"}).out).value(1),
+              ".,double,2,1714521600000,1714521610000");
+    EXPECT_EQ(kelts({"ls", dir("plant/notes")}).status, 1);
+
+    const Outcome info = kelts({"info", dir("plant")});
+    EXPECT_EQ(info.status, 0);
+    EXPECT_TRUE(info.out.contains(dir("plant/area 2/pump") + "\n")) << qPrintable(info.out);
+    EXPECT_TRUE(info.out.contains(dir("plant/boiler1") + "\n")) << qPrintable(info.out);
+}
+
+} // namespace

@@ -134,6 +134,11 @@ private:
     void listLevel(const QString& rel, int level, const QStringList& parents)
     {
         const QDir dir(storage.baseDir + rel);
+        const QString why = unlistable(dir.path());
+        if (!why.isEmpty()) {
+            problems.add(dir.path(), QStringLiteral("cannot be read: %1; its files were not checked").arg(why));
+            return;
+        }
         const QFileInfoList entries =
             dir.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
         if (entries.isEmpty() && level > 0)
@@ -360,6 +365,11 @@ void checkSeries(const QString& dir, const QString& marker, QMetaType::Type type
         const QString companionDir = dir + u'/' + marker + QLatin1String(c.marker);
         if (!QFileInfo(companionDir).isDir())
             continue;
+        const QString why = unlistable(companionDir);
+        if (!why.isEmpty()) {
+            problems.add(companionDir, QStringLiteral("cannot be read: %1; the companion was not checked").arg(why));
+            continue;
+        }
         auto companion = makeStorage(companionDir, c.type);
         const QString inner = companion->getMarkerForValueType(c.type);
         for (const QString& name : QDir(companionDir).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot))
@@ -401,10 +411,20 @@ int check(const QStringList& args)
         requireSeries(*storage, *type);
         checkSeries(dir, storage->getMarkerForValueType(*type), *type, problems, totals);
     } else {
-        const QStringList markers = markersIn(dir);
-        checkTopLevel(dir, markers, problems);
-        for (const QString& marker : markers)
-            checkSeries(dir, marker, representativeType(marker), problems, totals);
+        QStringList unreadable;
+        const QStringList series = seriesUnder(dir, unreadable);
+        for (const QString& line : unreadable) {
+            ++problems.count;
+            std::printf("%s\n", qPrintable(line));
+        }
+        if (series.isEmpty() && unreadable.isEmpty())
+            throw NothingFound{QStringLiteral("%1: no series under %2").arg(programName(), dir)};
+        for (const QString& one : series) {
+            const QStringList markers = markersIn(one);
+            checkTopLevel(one, markers, problems);
+            for (const QString& marker : markers)
+                checkSeries(one, marker, representativeType(marker), problems, totals);
+        }
     }
     const QString found = problems.count == 0 ? QStringLiteral("no problems")
                         : problems.count == 1 ? QStringLiteral("1 problem")
@@ -424,13 +444,13 @@ const Command checkCommand = {
     R"(Usage: kelts check DIR [--type T]
 
 Checks the series under DIR without changing anything, as after a disk
-incident: entry names and depths of the date tree, stray and leftover
+incident (DIR itself when it is a series, else every series below it): entry names and depths of the date tree, stray and leftover
 files, every file a whole number of records, every record inside its file's
 period and after the one before, and every variable value inside its side
 file and readable. The companions "P" and "O" are checked too.
 
 Prints one line per problem, "path: what is wrong", then a summary; exits
-with 1 when it found a problem.
+with 1 when it found a problem, a directory it could not read included.
 
   --type T    check only the series of this type
 

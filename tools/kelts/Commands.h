@@ -1,5 +1,6 @@
 // The commands of kelts: how main finds them, what each one is called with,
-// and the three ways a command ends (done, nothing found, bad usage or input).
+// and the ways a command ends (done, nothing found, bad usage or input, a
+// read that met damage, output that could not be written).
 #pragma once
 
 #include <QString>
@@ -13,6 +14,8 @@ enum ExitCode : int {
     EXIT_DONE = 0,        // the command did what was asked
     EXIT_NOTHING = 1,     // nothing found (no record, a problem found by check)
     EXIT_BAD_INPUT = 2,   // bad usage, bad input, or the storage refused the work
+    EXIT_DAMAGED = 3,     // done, but the read met damage: what it printed may be incomplete
+    EXIT_OUTPUT = 4,      // the output could not be written (full disk, closed pipe): stopped
 };
 
 // Thrown by a command for bad usage or bad input: main prints the message
@@ -27,6 +30,12 @@ struct NothingFound {
     QString message;
 };
 
+// Thrown when stdout refuses what is written to it: main says why (errno)
+// and exits with EXIT_OUTPUT at once.
+struct OutputFailed {
+    int error;
+};
+
 struct Command {
     const char* name;
     const char* summary;   // one line for the tool's own help
@@ -35,6 +44,7 @@ struct Command {
 };
 
 const std::vector<Command>& commands();
+
 
 // The name the tool was started by, for messages ("kelts").
 QString programName();
@@ -52,6 +62,7 @@ extern const Command lastCommand;
 extern const Command findCommand;
 extern const Command prevCommand;
 extern const Command infoCommand;
+extern const Command lsCommand;
 extern const Command checkCommand;
 extern const Command templatesCommand;
 extern const Command plotCommand;

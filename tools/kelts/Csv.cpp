@@ -2,6 +2,10 @@
 
 #include "Csv.h"
 
+#include "Commands.h"
+
+#include <cerrno>
+
 namespace kelts {
 
 namespace {
@@ -122,7 +126,10 @@ CsvWriter::CsvWriter(std::FILE* out) : out(out)
 
 CsvWriter::~CsvWriter()
 {
-    flush();
+    // A failure here is left in the stream's error flag, which main checks.
+    if (!buffer.isEmpty())
+        std::fwrite(buffer.constData(), 1, size_t(buffer.size()), out);
+    std::fflush(out);
 }
 
 void CsvWriter::row(const QStringList& fields)
@@ -148,10 +155,11 @@ void CsvWriter::blankLine()
 
 void CsvWriter::flush()
 {
-    if (!buffer.isEmpty())
-        std::fwrite(buffer.constData(), 1, size_t(buffer.size()), out);
+    const bool written = buffer.isEmpty() || std::fwrite(buffer.constData(), 1, size_t(buffer.size()), out) ==
+                                                 size_t(buffer.size());
     buffer.clear();
-    std::fflush(out);
+    if (!written || std::fflush(out) != 0)
+        throw OutputFailed{errno};
 }
 
 } // namespace kelts

@@ -53,6 +53,7 @@ public:
     // A row already written as text, without its line end.
     void row(const char* text, std::size_t size);
     void blankLine();
+    // Hands the rows to the stream; throws OutputFailed when it refuses them.
     void flush();
 
 private:

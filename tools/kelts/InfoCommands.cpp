@@ -4,6 +4,7 @@
 #include "Commands.h"
 #include "FileTally.h"
 #include "CommandLine.h"
+#include "Csv.h"
 #include "Series.h"
 #include "Terminal.h"
 #include "ValueText.h"
@@ -78,6 +79,19 @@ void describeSeries(const QString& dir, const QString& marker, std::optional<QMe
         printField("values", QStringLiteral("give --type to see them"));
 }
 
+// The series under DIR, DIR itself included; directories that cannot be
+// listed are named on stderr. Throws NothingFound when there is none.
+QStringList seriesFound(const QString& dir)
+{
+    QStringList unreadable;
+    const QStringList series = seriesUnder(dir, unreadable);
+    for (const QString& line : unreadable)
+        printErrorLine(QStringLiteral("%1: %2").arg(programName(), line));
+    if (series.isEmpty())
+        throw NothingFound{QStringLiteral("%1: %2 holds no series").arg(programName(), dir)};
+    return series;
+}
+
 int info(const QStringList& args)
 {
     CommandLine cl(infoCommand);
@@ -92,14 +106,48 @@ int info(const QStringList& args)
         auto storage = makeStorage(dir, *type);
         requireSeries(*storage, *type);
         markers << storage->getMarkerForValueType(*type);
-    } else {
-        markers = markersIn(dir);
-        if (markers.isEmpty())
-            throw NothingFound{QStringLiteral("%1: %2 holds no series").arg(programName(), dir)};
+        std::printf("%s\n", qPrintable(QDir::cleanPath(QFileInfo(dir).absoluteFilePath())));
+        describeSeries(dir, markers.first(), type);
+        return EXIT_DONE;
     }
-    std::printf("%s\n", qPrintable(QDir::cleanPath(QFileInfo(dir).absoluteFilePath())));
-    for (const QString& marker : markers)
-        describeSeries(dir, marker, type);
+    // Without --type, DIR may be a plant's root: every series below it.
+    const QStringList series = seriesFound(dir);
+    for (const QString& one : series) {
+        std::printf("%s\n", qPrintable(QDir::cleanPath(QFileInfo(one).absoluteFilePath())));
+        for (const QString& marker : markersIn(one))
+            describeSeries(one, marker, type);
+    }
+    return EXIT_DONE;
+}
+
+// One CSV row per series and value directory under DIR:
+// series,types,records,first,last.
+int list(const QStringList& args)
+{
+    CommandLine cl(lsCommand);
+    cl.option(QStringLiteral("time"), QStringLiteral("ms|iso"));
+    if (!cl.parse(args, 1, 1))
+        return EXIT_DONE;
+    const QString root = QDir::cleanPath(cl.positional().at(0));
+    requireDirectory(root);
+    const TimeFormat format = cl.timeFormat();
+    const QStringList series = seriesFound(root);
+    CsvWriter out;
+    out.row({QStringLiteral("series"), QStringLiteral("types"), QStringLiteral("records"), QStringLiteral("first"),
+             QStringLiteral("last")});
+    for (const QString& one : series) {
+        const QString name = one == root ? QStringLiteral(".") : one.mid(root.size() + 1);
+        for (const QString& marker : markersIn(one)) {
+            auto storage = makeStorage(one, representativeType(marker));
+            const long long records = storage->getCount({}, {}, TSFileStorage::TS_FIRST_RECORD,
+                                                        TSFileStorage::TS_LAST_RECORD, true, false, false);
+            Interpolate::DataRecord first, last;
+            const bool any = storage->getFirstDataRecord(first) && storage->getLastDataRecord(last);
+            out.row({csvField(name), csvField(typesOfMarker(marker)), QString::number(records),
+                     any ? formatTime(first.timestamp, format) : QString(),
+                     any ? formatTime(last.timestamp, format) : QString()});
+        }
+    }
     return EXIT_DONE;
 }
 
@@ -126,7 +174,8 @@ const Command infoCommand = {
     "info", "describe the series under a directory",
     R"(Usage: kelts info DIR [--type T]
 
-Describes the series under DIR: for each value type present, the number of
+Describes the series under DIR (DIR itself, or without --type every series
+below it): for each value type present, the number of
 records, the first and last record, the files by period (year, month, day,
 hour, minute), the bytes on disk, and the companions "P" (back-filled
 timestamps) and "O" (replaced values) when present.
@@ -139,6 +188,20 @@ Example:
   kelts info /data/ts/boiler1
 )",
     info};
+
+const Command lsCommand = {
+    "ls", "list every series under a directory (CSV)",
+    R"(Usage: kelts ls DIR [--time ms|iso]
+
+Lists the series under DIR (DIR itself when it is one, else every series
+below it) as CSV: series (the path below DIR, "." for DIR itself), the
+value types its directory holds, records, first and last time. A series
+that holds several value directories has a row for each.
+
+Example:
+  kelts ls /data/ts
+)",
+    list};
 
 const Command templatesCommand = {
     "templates", "print the named read requests (JSON)",

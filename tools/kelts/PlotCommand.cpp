@@ -129,7 +129,7 @@ int plot(const QStringList& args)
                                           .arg(isoTime(values.front().timestamp), isoTime(values.back().timestamp));
     writeSvgFile(chart, path);
     std::printf("%s: %zu values drawn\n", qPrintable(path), values.size());
-    return EXIT_DONE;
+    return readOutcome(QStringLiteral("plot"), *storage, dir, from, to, -1, 0);
 }
 
 } // namespace

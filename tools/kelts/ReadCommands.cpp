@@ -69,7 +69,8 @@ QString progressState(long long at, long long from, long long to, long long reco
 
 // Raw records in pieces: each piece starts 1 ms after the last record of
 // the piece before.
-void readRawInPieces(TSFileStorage& storage, const ReadRequest& r, long long from, long long to, Printer& printer)
+long long readRawInPieces(TSFileStorage& storage, const ReadRequest& r, long long from, long long to,
+                          Printer& printer)
 {
     Progress progress(QStringLiteral("reading"));
     long long progressFrom = 0;
@@ -91,6 +92,14 @@ void readRawInPieces(TSFileStorage& storage, const ReadRequest& r, long long fro
         start = piece.back().timestamp + 1;
         progress.show(progressState(start, progressFrom, progressTo, total));
     }
+    return total;
+}
+
+// The records a raw read returned, for the comparison with what the files
+// hold; -1 where no such comparison holds (condensed, or filtered).
+long long rawReturned(const ReadRequest& r, std::size_t returned)
+{
+    return isPlainRaw(r) && r.param.filterParams.empty() ? (long long)returned : -1;
 }
 
 void printBackfilled(Printer& printer, const Records& backfilled)
@@ -143,8 +152,9 @@ int read(const QStringList& args)
 
     printer.out.row({QStringLiteral("timestamp"), QStringLiteral("value")});
     if (isPlainRaw(r) && !withBackfill && !withOverwritten) {
-        readRawInPieces(*storage, r, from, to, printer);
-        return EXIT_DONE;
+        const long long returned = readRawInPieces(*storage, r, from, to, printer);
+        printer.out.flush();
+        return readOutcome(QStringLiteral("read"), *storage, dir, from, to, rawReturned(r, returned), r.limit);
     }
 
     Progress progress(QStringLiteral("reading"));
@@ -166,7 +176,8 @@ int read(const QStringList& args)
         printBackfilled(printer, backfilled);
     if (withOverwritten)
         printOverwritten(printer, overwritten);
-    return EXIT_DONE;
+    printer.out.flush();
+    return readOutcome(QStringLiteral("read"), *storage, dir, from, to, rawReturned(r, out.size()), r.limit);
 }
 
 int count(const QStringList& args)

@@ -2,6 +2,7 @@
 
 #include "Series.h"
 
+#include "Commands.h"
 #include "Terminal.h"
 #include "ValueText.h"
 #include "MethodKeywords.h"
@@ -18,7 +19,10 @@
 #include <QSet>
 #include <QTime>
 
+#include <cerrno>
 #include <climits>
+#include <cstring>
+#include <dirent.h>
 
 namespace kelts {
 
@@ -88,6 +92,22 @@ QJsonArray filtersFromOption(const CommandLine& cl)
     return filters;
 }
 
+// A method name for a string that meant one: " (did you mean meanA?)" for
+// "avg"; the method names where no guess fits.
+QString methodHint(const QString& lowered)
+{
+    static const std::pair<const char*, const char*> guesses[] = {
+        {"mean", "meanA"},   {"avg", "meanA"}, {"average", "meanA"}, {"minimum", "min"},
+        {"maximum", "max"},  {"total", "sum"}, {"linear", "prevNextLinearFill"}, {"interpol", "prevNextLinearFill"}};
+    for (const auto& [start, method] : guesses)
+        if (lowered.startsWith(QLatin1String(start)))
+            return QStringLiteral(" (did you mean %1?)").arg(QLatin1String(method));
+    QStringList names;
+    for (const Kel::detail::MethodKeyword& k : Kel::detail::kMethodKeywords)
+        names << QLatin1String(k.name);
+    return QStringLiteral(" (a method string starts with one of %1)").arg(names.join(QStringLiteral(", ")));
+}
+
 void checkMethod(const CommandLine& cl, const ReadRequest& r, QMetaType::Type type)
 {
     const QString rest = Kel::detail::withoutDifference(r.param.method);
@@ -102,13 +122,40 @@ void checkMethod(const CommandLine& cl, const ReadRequest& r, QMetaType::Type ty
         cl.fail(QStringLiteral("%1 series are read raw only: leave out --interval").arg(valueTypeName(type)));
     const MethodReading reading = readMethod(r.param);
     const QString name = methodName(reading.method);
-    if (!rest.isEmpty() && !rest.startsWith(name.toLower()))
-        printErrorLine(QStringLiteral("%1: note: method '%2' starts with no method name and reads as "
-                                      "%3 with linear interpolation and filling")
-                           .arg(programName(), r.param.method, name));
+    // The library reads a string that starts with no method name as linear
+    // interpolation and filling: "mean" would print interpolated samples, not
+    // means. Only an operator who asks for that gets it.
+    if (!rest.isEmpty() && !rest.startsWith(name.toLower()) && !cl.isSet(QStringLiteral("method-as-is")))
+        cl.fail(QStringLiteral("method '%1' starts with no method name, and the storage would read it as %2 "
+                               "with linear interpolation and filling%3; --method-as-is passes it on unchanged")
+                    .arg(r.param.method, name, methodHint(rest)));
 }
 
 } // namespace
+
+int readOutcome(const QString& command, TSFileStorage& storage, const QString& dir, long long from, long long to,
+                long long returned, long long limit)
+{
+    const QString check = QStringLiteral("run '%1 check %2'").arg(programName(), dir);
+    if (returned >= 0) {
+        long long stored = storage.getCount({}, {}, from, to, true, false, false);
+        if (limit > 0)
+            stored = std::min(stored, limit);
+        if (returned < stored) {
+            printErrorLine(QStringLiteral("%1 %2: warning: %3 of the %4 records stored in the range came back: a "
+                                          "damaged record ends the storage's walk; %5")
+                               .arg(programName(), command, grouped(returned), grouped(stored), check));
+            return EXIT_DAMAGED;
+        }
+    }
+    if (libraryFailures() > 0) {
+        printErrorLine(QStringLiteral("%1 %2: warning: the storage failed during the read (see the messages "
+                                      "above): what was printed may be incomplete; %3")
+                           .arg(programName(), command, check));
+        return EXIT_DAMAGED;
+    }
+    return EXIT_DONE;
+}
 
 std::unique_ptr<TSFileStorage> makeStorage(const QString& dir, QMetaType::Type type, int maxFileSize)
 {
@@ -131,6 +178,42 @@ QStringList markersIn(const QString& dir)
         if (known.contains(name))
             found << name;
     return found;
+}
+
+QString unlistable(const QString& dir)
+{
+    DIR* listing = ::opendir(QFile::encodeName(dir).constData());
+    if (!listing)
+        return QString::fromLocal8Bit(std::strerror(errno));
+    ::closedir(listing);
+    return QString();
+}
+
+namespace {
+
+void collectSeries(const QString& dir, QStringList& series, QStringList& unreadable)
+{
+    const QString why = unlistable(dir);
+    if (!why.isEmpty()) {
+        unreadable << QStringLiteral("%1: cannot be read: %2").arg(dir, why);
+        return;
+    }
+    if (!markersIn(dir).isEmpty()) {
+        series << dir;
+        return;
+    }
+    const QDir::Filters subdirs = QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks | QDir::Hidden;
+    for (const QString& name : QDir(dir).entryList(subdirs, QDir::Name))
+        collectSeries(dir + u'/' + name, series, unreadable);
+}
+
+} // namespace
+
+QStringList seriesUnder(const QString& root, QStringList& unreadable)
+{
+    QStringList series;
+    collectSeries(QDir::cleanPath(root), series, unreadable);
+    return series;
 }
 
 QString typesOfMarker(const QString& marker)
@@ -229,6 +312,7 @@ void addRequestOptions(CommandLine& cl, bool withLimit)
     cl.option(QStringLiteral("from"), QStringLiteral("TS"));
     cl.option(QStringLiteral("to"), QStringLiteral("TS"));
     cl.option(QStringLiteral("method"), QStringLiteral("M"));
+    cl.flag(QStringLiteral("method-as-is"));
     cl.option(QStringLiteral("interval"), QStringLiteral("I"));
     cl.option(QStringLiteral("template"), QStringLiteral("NAME"));
     cl.option(QStringLiteral("offset-min"), QStringLiteral("N"));

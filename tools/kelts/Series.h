@@ -27,6 +27,17 @@ void requireDirectory(const QString& dir);
 // naming what it does hold.
 void requireSeries(Kel::TSFileStorage& storage, QMetaType::Type type);
 
+// Why the directory cannot be listed ("Permission denied"), or an empty
+// string when it can: an unreadable directory lists as empty, which must
+// not pass for one.
+QString unlistable(const QString& dir);
+
+// The series under a directory: the directory itself when it holds value
+// directories, otherwise every directory below it that does (a series'
+// own directories are not searched further), sorted. Directories that
+// cannot be listed are added to `unreadable` with the reason.
+QStringList seriesUnder(const QString& root, QStringList& unreadable);
+
 // The value directories under DIR ("D", "I", ...), sorted; companions
 // ("DP", "DO") are not among them.
 QStringList markersIn(const QString& dir);
@@ -81,6 +92,15 @@ QString differenceKeyword(const QString& method);
 // True for a read that returns the stored records unchanged, which may be
 // read in pieces.
 bool isPlainRaw(const ReadRequest& request);
+
+// How a read ends: EXIT_DAMAGED, with a warning that names kelts check, when
+// the library logged a failure during the command or a raw read gave fewer
+// records than the files hold in its range (a damaged record ends the
+// library's walk without a word); EXIT_DONE otherwise. For a raw read,
+// `returned` records came back and `limit` (0: none) capped them; a
+// condensed read passes returned < 0.
+int readOutcome(const QString& command, Kel::TSFileStorage& storage, const QString& dir, long long from,
+                long long to, long long returned, long long limit);
 
 // "meanA, 1h, aligned" for headings and chart titles.
 QString describeRequest(const ReadRequest& request);

@@ -53,6 +53,8 @@ public:
     void take(const Kel::LogEntry& e)
     {
         std::lock_guard<std::mutex> lock(mutex);
+        if (e.level <= 3)
+            ++failures;
         if (verbosity == Verbosity::Quiet && e.level > 3)
             return;
         if (verbosity != Verbosity::Verbose && e.level > 5)
@@ -84,9 +86,16 @@ public:
         suppressed.clear();
     }
 
+    long long failuresSeen()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return failures;
+    }
+
 private:
     std::mutex mutex;
     Verbosity verbosity;
+    long long failures = 0;
     QHash<QString, int> shown;
     QHash<QString, SuppressedKind> suppressed;
     QList<QString> order;
@@ -101,6 +110,11 @@ void installLogSink(Verbosity verbosity)
     delete theSink;
     theSink = new LogSink(verbosity);
     Kel::Logger::instance().setSink([](const Kel::LogEntry& e) { theSink->take(e); });
+}
+
+long long libraryFailures()
+{
+    return theSink ? theSink->failuresSeen() : 0;
 }
 
 void reportSuppressedLogLines()

@@ -17,6 +17,8 @@ enum class Verbosity {
 
 // Routes the library's log lines (Kel::Logger) to stderr.
 void installLogSink(Verbosity verbosity);
+// The library's failures (errors) logged so far, shown or not.
+long long libraryFailures();
 // One line per kind of library message that was cut short; call at exit.
 void reportSuppressedLogLines();
 

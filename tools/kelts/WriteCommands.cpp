@@ -9,6 +9,7 @@
 #include "ValueText.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -16,6 +17,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdio>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace kelts {
@@ -128,22 +130,93 @@ std::size_t batchEnd(const Records& records, std::size_t from)
     return std::min(records.size(), from + kBatchRecords);
 }
 
+// The first entry of the series' tree that this process may not change: a
+// directory it cannot write into or a file it cannot write. The storage
+// retries every open for seconds, which helps against a file another
+// process holds for a moment but never against a permission; so the tool
+// looks before it writes. Empty when there is none.
+QString firstUnwritable(const QString& seriesDir, const QStringList& markers)
+{
+    QString existing = QDir::cleanPath(QFileInfo(seriesDir).absoluteFilePath());
+    while (!QFileInfo(existing).exists())
+        existing = QFileInfo(existing).path();
+    if (::access(QFile::encodeName(existing).constData(), W_OK | X_OK) != 0)
+        return existing;
+    for (const QString& marker : markers) {
+        const QString top = seriesDir + u'/' + marker;
+        if (!QFileInfo(top).isDir())
+            continue;
+        if (::access(QFile::encodeName(top).constData(), W_OK | X_OK) != 0)
+            return top;
+        QDirIterator it(top, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
+                        QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            const QString path = it.next();
+            const int mode = it.fileInfo().isDir() ? W_OK | X_OK : W_OK;
+            if (::access(QFile::encodeName(path).constData(), mode) != 0)
+                return path;
+        }
+    }
+    return QString();
+}
+
+// Why a write into the series failed, as far as the system tells: a full
+// file system, or an entry that cannot be written; empty when neither.
+QString whyWriteFailed(const QString& seriesDir, const QStringList& markers)
+{
+    QString existing = QDir::cleanPath(QFileInfo(seriesDir).absoluteFilePath());
+    while (!QFileInfo(existing).exists())
+        existing = QFileInfo(existing).path();
+    struct statvfs fs;
+    if (::statvfs(QFile::encodeName(existing).constData(), &fs) == 0 && fs.f_bavail == 0)
+        return QStringLiteral("no space left on the device");
+    const QString unwritable = firstUnwritable(seriesDir, markers);
+    if (!unwritable.isEmpty())
+        return QStringLiteral("permission denied on %1").arg(unwritable);
+    return QString();
+}
+
+// The storage's own directory and the companions a write may change.
+QStringList markersWritten(TSFileStorage& storage, bool backfill, bool overwritten)
+{
+    const QString marker = storage.getMarkerForValueType(storage.valueType);
+    QStringList markers{marker};
+    if (backfill)
+        markers << marker + u'P';
+    if (overwritten)
+        markers << marker + u'O';
+    return markers;
+}
+
+long long storedBetween(TSFileStorage& storage, long long first, long long last)
+{
+    return storage.getCount({}, {}, first, last, true, false, false);
+}
+
 long long writeInBatches(TSFileStorage& storage, Records& records, bool backfill, bool overwritten)
 {
     Progress progress(QStringLiteral("writing"));
     std::size_t written = 0;
+    long long added = 0;
     while (written < records.size()) {
         const std::size_t end = batchEnd(records, written);
+        const long long first = records[written].timestamp;
+        const long long last = records[end - 1].timestamp;
+        const long long before = storedBetween(storage, first, last);
         Records batch(std::make_move_iterator(records.begin() + long(written)),
                       std::make_move_iterator(records.begin() + long(end)));
         if (!storage.writeDataRecords(std::move(batch), backfill, overwritten)) {
             progress.done();
-            throw UsageError{QStringLiteral("%1 write: the storage refused the records from %2 to %3 "
-                                            "(see the messages above); %4 records before them were written")
-                                 .arg(programName(), isoTime(records[written].timestamp),
-                                      isoTime(records[end - 1].timestamp))
-                                 .arg(written)};
+            const long long addedNow = std::max(0LL, storedBetween(storage, first, last) - before);
+            const QString why = whyWriteFailed(storage.dir, markersWritten(storage, backfill, overwritten));
+            throw UsageError{QStringLiteral("%1 write: the storage refused records from %2 to %3: %4; "
+                                            "%5 new records were stored before it stopped (%6 of those %7)")
+                                 .arg(programName(), isoTime(first), isoTime(last),
+                                      why.isEmpty() ? QStringLiteral("see the messages above") : why,
+                                      grouped(added + addedNow), grouped(addedNow),
+                                      grouped(static_cast<long long>(end - written)))};
         }
+        added += storedBetween(storage, first, last) - before;
         written = end;
         progress.show(QStringLiteral("%1 of %2 records  %3%")
                           .arg(grouped(static_cast<long long>(written)), grouped(static_cast<long long>(records.size())))
@@ -188,8 +261,13 @@ int write(const QStringList& args)
     const long long first = input.records.front().timestamp;
     const long long last = input.records.back().timestamp;
     auto storage = makeStorage(dir, type, maxFileSize);
-    const long long n = writeInBatches(*storage, input.records, cl.isSet(QStringLiteral("backfill")),
-                                       cl.isSet(QStringLiteral("overwritten")));
+    const bool backfill = cl.isSet(QStringLiteral("backfill"));
+    const bool overwritten = cl.isSet(QStringLiteral("overwritten"));
+    const QString unwritable = firstUnwritable(dir, markersWritten(*storage, backfill, overwritten));
+    if (!unwritable.isEmpty())
+        throw UsageError{QStringLiteral("%1 write: cannot write into %2: permission denied; nothing was written")
+                             .arg(programName(), unwritable)};
+    const long long n = writeInBatches(*storage, input.records, backfill, overwritten);
     std::printf("%lld record%s written, %s to %s\n", n, n == 1 ? "" : "s", qPrintable(isoTime(first)),
                 qPrintable(isoTime(last)));
     return EXIT_DONE;

@@ -9,7 +9,10 @@
 #include <QByteArray>
 #include <QFileInfo>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
 
 namespace kelts {
 
@@ -30,10 +33,12 @@ Commands:
 const char* const kToolHelpEnd = R"(
 Times are milliseconds since 1970 or ISO 8601 UTC (2024-05-07T09:03:00Z);
 now, first and last work as range bounds. "kelts COMMAND --help" tells more.
-New here? Run "kelts demo".
+New here? Run "kelts demo". "kelts --version" prints the version.
 
 Exit status: 0 done, 1 nothing found (or check found problems), 2 bad usage,
-bad input, or the storage refused the work.
+bad input, or the storage refused the work, 3 a read met damage (what it
+printed may be incomplete: run kelts check), 4 the output could not be
+written (full disk, closed pipe).
 )";
 
 void printToolHelp(std::FILE* out)
@@ -52,6 +57,12 @@ const Command* commandNamed(const QString& name)
     return nullptr;
 }
 
+QString outputFailure(int error)
+{
+    return QStringLiteral("%1: the output could not be written: %2; stopped")
+        .arg(programName(), QString::fromLocal8Bit(std::strerror(error)));
+}
+
 int runCommand(const Command& command, const QStringList& args)
 {
     try {
@@ -64,7 +75,23 @@ int runCommand(const Command& command, const QStringList& args)
     } catch (const NothingFound& e) {
         printErrorLine(e.message);
         return EXIT_NOTHING;
+    } catch (const OutputFailed& e) {
+        printErrorLine(outputFailure(e.error));
+        return EXIT_OUTPUT;
     }
+}
+
+// What stdout kept to the end: a short write or a failed flush turns any
+// outcome into EXIT_OUTPUT, for a report cut short is no report.
+int withOutputChecked(int status)
+{
+    if (status == EXIT_OUTPUT)
+        return status;
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+        printErrorLine(outputFailure(errno));
+        return EXIT_OUTPUT;
+    }
+    return status;
 }
 
 } // namespace
@@ -73,7 +100,7 @@ const std::vector<Command>& commands()
 {
     static const std::vector<Command> all = {
         writeCommand, readCommand, countCommand, firstCommand,     lastCommand,
-        findCommand,  prevCommand, deleteCommand, infoCommand,     checkCommand,
+        findCommand,  prevCommand, deleteCommand, lsCommand, infoCommand,     checkCommand,
         plotCommand,  templatesCommand, demoCommand,
     };
     return all;
@@ -109,6 +136,10 @@ int main(int argc, char** argv)
         printToolHelp(stderr);
         return EXIT_BAD_INPUT;
     }
+    if (args.first() == u"--version") {
+        std::printf("%s %s\n", qPrintable(programName()), KELTS_VERSION);
+        return withOutputChecked(EXIT_DONE);
+    }
     if (args.first() == u"--help" || args.first() == u"-h" || args.first() == u"help") {
         printToolHelp(stdout);
         return EXIT_DONE;
@@ -119,8 +150,13 @@ int main(int argc, char** argv)
                            .arg(programName(), args.first()));
         return EXIT_BAD_INPUT;
     }
-    const int status = runCommand(*command, args);
-    std::fflush(stdout);
+    // A closed pipe shows as a failed write, which stops the command, rather
+    // than as a signal that ends it without a word.
+    std::signal(SIGPIPE, SIG_IGN);
+    // Likewise a file-size limit (ulimit -f) fails the write that passes it,
+    // which the tool reports with what was stored, instead of killing it.
+    std::signal(SIGXFSZ, SIG_IGN);
+    const int status = withOutputChecked(runCommand(*command, args));
     reportSuppressedLogLines();
     Kel::Logger::instance().setSink({});
     return status;
