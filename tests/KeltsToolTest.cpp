@@ -103,7 +103,7 @@ TEST_F(KeltsTool, ExitStatusTellsDoneNothingFoundAndBadUsage)
         {{}, 2},
         {{"frobnicate"}, 2},
         {{"read", dir(), "--type", "double", "--bogus"}, 2},
-        {{"read", dir()}, 2},
+        {{"read", dir()}, 0},   // a double series only: no --type needed
         {{"read", dir(), "--type", "decimal"}, 2},
         {{"read", dir("missing"), "--type", "double"}, 2},
         {{"read", dir(), "--type", "double", "--from", "2024-05-08", "--to", "2024-05-07"}, 2},
@@ -418,7 +418,7 @@ namespace {
 
 using namespace Kel::test;
 
-TEST_F(KeltsTool, LsAndInfoCoverEverySeriesUnderARoot)
+TEST_F(KeltsTool, LsAndInfoCoverEverySeriesUnderARootAndTypesNeedNoNamingWhereTheyAreClear)
 {
     write(dir("plant/boiler1"), "double", "2024-05-01T00:00:00Z,1.5\n2024-05-01T00:00:10Z,2.5\n");
     write(dir("plant/area 2/pump"), "int", "2024-05-02T00:00:00Z,7\n");
@@ -434,6 +434,12 @@ TEST_F(KeltsTool, LsAndInfoCoverEverySeriesUnderARoot)
     EXPECT_EQ(lines(kelts({"ls", dir("plant/boiler1"), "--time", "ms"}).out).value(1),
               ".,double,2,1714521600000,1714521610000");
     EXPECT_EQ(kelts({"ls", dir("plant/notes")}).status, 1);
+
+    // --type may go where the directory leaves no doubt.
+    EXPECT_EQ(lines(kelts({"last", dir("plant/boiler1")}).out), QStringList{"2024-05-01T00:00:10.000Z,2.5"});
+    const Outcome ambiguous = kelts({"read", dir("plant/area 2/pump")});
+    EXPECT_EQ(ambiguous.status, 2);
+    EXPECT_TRUE(ambiguous.err.contains("holds int or uint (I/), string or variant (V/)")) << qPrintable(ambiguous.err);
 
     const Outcome info = kelts({"info", dir("plant")});
     EXPECT_EQ(info.status, 0);

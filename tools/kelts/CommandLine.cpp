@@ -2,6 +2,8 @@
 
 #include "CommandLine.h"
 
+#include "Series.h"
+
 #include "Terminal.h"
 #include "ValueText.h"
 
@@ -74,9 +76,19 @@ QString CommandLine::required(const QString& name) const
 
 QMetaType::Type CommandLine::valueType() const
 {
-    if (!parser.isSet(QStringLiteral("type")))
+    if (parser.isSet(QStringLiteral("type")))
+        return *optionalValueType();
+    // A directory that holds one value type's series, and a directory no
+    // other type shares, needs no --type.
+    const QStringList markers = positional().isEmpty() ? QStringList() : markersIn(positional().at(0));
+    if (markers.size() == 1 && !typesOfMarker(markers.first()).contains(QLatin1String(" or ")))
+        return representativeType(markers.first());
+    if (markers.isEmpty())
         fail(QStringLiteral("--type is required: one of %1").arg(valueTypeNames()));
-    return *optionalValueType();
+    QStringList held;
+    for (const QString& marker : markers)
+        held << QStringLiteral("%1 (%2/)").arg(typesOfMarker(marker), marker);
+    fail(QStringLiteral("--type is required: %1 holds %2").arg(positional().at(0), held.join(QStringLiteral(", "))));
 }
 
 std::optional<QMetaType::Type> CommandLine::optionalValueType() const
