@@ -166,22 +166,27 @@ TEST_F(KeltsStatus, AMethodThatStartsWithNoMethodNameIsRefusedUnlessPassedAsIs)
 TEST_F(KeltsStatus, AWriteThatFailsSaysWhatWasStoredAndWhy)
 {
     // A file-size limit stops the write part-way: the message counts what
-    // the storage holds.
-    QByteArray csv;
-    for (int i = 0; i < 300000; ++i)
-        csv += QByteArray::number(1714521600000LL + i * 1000LL) + ',' + QByteArray::number(i) + '\n';
+    // the storage holds of it. The series' one file is already near the limit.
+    const auto rows = [](int from, int n) {
+        QByteArray csv;
+        for (int i = from; i < from + n; ++i)
+            csv += QByteArray::number(1714521600000LL + i * 1000LL) + ',' + QByteArray::number(i) + '\n';
+        return csv;
+    };
+    write(dir(), "int", rows(0, 200000), {"--max-file-size", "100000000"});   // 1.8 MB
     QFile input(dir("input.csv"));
     ASSERT_TRUE(input.open(QIODevice::WriteOnly));
-    input.write(csv);
+    input.write(rows(200000, 60000));   // 0.5 MB more; bash counts the limit in KiB
     input.close();
     const Outcome limited = keltsInShell(
         QStringLiteral("ulimit -f 2000; \"$KELTS\" write %1 --type int --max-file-size 100000000 < %2").arg(dir(), input.fileName()));
     EXPECT_EQ(limited.status, 2);
     const QRegularExpressionMatch m = QRegularExpression(QStringLiteral("([0-9,]+) new records were stored")).match(limited.err);
     ASSERT_TRUE(m.hasMatch()) << qPrintable(limited.err);
-    const QString stored = kelts({"count", dir(), "--type", "int"}).out.trimmed();
-    EXPECT_EQ(m.captured(1).remove(u','), stored);
-    EXPECT_GT(stored.toLongLong(), 0);
+    const long long stored = kelts({"count", dir(), "--type", "int"}).out.trimmed().toLongLong();
+    EXPECT_EQ(m.captured(1).remove(u',').toLongLong(), stored - 200000);
+    EXPECT_GT(stored, 200000);
+    EXPECT_LT(stored, 260000);
     EXPECT_TRUE(limited.err.contains("File too large")) << qPrintable(limited.err);
 
     // A directory the writer may not change is named before anything is

@@ -183,6 +183,43 @@ TEST_F(KeltsTool, LongWritesAreSortedTheLaterOfTwoLinesWinsAndReadsComeWhole)
     EXPECT_EQ(kelts({"count", dir(), "--type", "int"}).out, QStringLiteral("%1\n").arg(n));
 }
 
+TEST_F(KeltsTool, AnImportIsCheckedWholeBeforeAWriteWhetherItComesFromAPipeOrAFile)
+{
+    // Far more than one piece of input (1 MiB): a bad line at the end stops
+    // all of it, from a pipe as from a file.
+    QByteArray csv;
+    for (int i = 0; i < 120000; ++i)
+        csv += QByteArray::number(1715040000000LL + i * 1000LL) + ',' + QByteArray::number(i) + '\n';
+    QFile file(dir("input.csv"));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(csv + "1715040000000,oops\n");
+    file.close();
+    const Outcome piped = kelts({"write", dir(), "--type", "int"}, csv + "1715040000000,oops\n");
+    EXPECT_EQ(piped.status, 2);
+    EXPECT_TRUE(piped.err.contains("line 120001: 'oops' is not a whole number")) << qPrintable(piped.err);
+    EXPECT_FALSE(QFileInfo::exists(dir()));
+    QProcess fromFile;
+    fromFile.setStandardInputFile(file.fileName());
+    fromFile.start(QStringLiteral(KELTS_BINARY), {"write", dir(), "--type", "int"});
+    ASSERT_TRUE(fromFile.waitForFinished(60000));
+    EXPECT_EQ(fromFile.exitCode(), 2);
+    EXPECT_FALSE(QFileInfo::exists(dir()));
+
+    // Text values with line breaks inside quotes, across the pieces.
+    QByteArray text;
+    QStringList expected{"timestamp,value"};
+    for (int i = 0; i < 40000; ++i) {
+        const QByteArray value = "\"line " + QByteArray::number(i) + "\nand \"\"more\"\"\"";
+        text += QByteArray::number(1715040000000LL + i * 1000LL) + ',' + value + '\n';
+        expected << QString::number(1715040000000LL + i * 1000LL) + u',' + QString::fromUtf8(value);
+    }
+    write(dir("text"), "string", text);
+    const Outcome back = kelts({"read", dir("text"), "--type", "string", "--time", "ms"});
+    EXPECT_EQ(back.out.split(u'\n', Qt::SkipEmptyParts).size(), 1 + 2 * 40000);
+    EXPECT_TRUE(back.out.startsWith(expected.mid(0, 3).join(u'\n'))) << qPrintable(back.out.left(200));
+    EXPECT_TRUE(back.out.endsWith(expected.last() + u'\n'));
+}
+
 TEST_F(KeltsTool, LookupsCountsAndDeletesAgreeWithTheLibrary)
 {
     writeThreeDays(dir());

@@ -4,6 +4,8 @@
 
 #include "Commands.h"
 
+#include <QFileDevice>
+
 #include <cerrno>
 
 namespace kelts {
@@ -11,13 +13,61 @@ namespace kelts {
 namespace {
 
 constexpr qsizetype kFlushBytes = 1 << 16;
+// A piece of input read at a time.
+constexpr qint64 kReadBytes = 1 << 20;
 
 } // namespace
 
-CsvReader::CsvReader(QString t) : text(std::move(t))
+CsvReader::CsvReader(QString t, int firstLine) : text(std::move(t)), line(firstLine)
 {
-    if (text.startsWith(QChar(0xFEFF)))   // a byte order mark from a spreadsheet export
+    if (firstLine == 1 && text.startsWith(QChar(0xFEFF)))   // a byte order mark from a spreadsheet export
         pos = 1;
+}
+
+CsvStream::CsvStream(QIODevice& in, QIODevice* copy) : in(in), copy(copy) {}
+
+bool CsvStream::readPiece()
+{
+    if (inputEnded)
+        return false;
+    QByteArray piece = carried;
+    carried.clear();
+    const QByteArray more = in.read(kReadBytes);
+    if (more.isEmpty()) {
+        const QFileDevice* file = qobject_cast<QFileDevice*>(&in);
+        readFailed = file && file->error() != QFileDevice::NoError;
+        inputEnded = true;
+    } else {
+        read += more.size();
+        if (copy && copy->write(more) != more.size()) {
+            readFailed = true;
+            inputEnded = true;
+            return false;
+        }
+        piece += more;
+        // Only whole lines go on, so that no character is cut in two.
+        const qsizetype lastLineEnd = piece.lastIndexOf('\n');
+        carried = piece.mid(lastLineEnd + 1);
+        piece.truncate(lastLineEnd + 1);
+    }
+    const qsizetype from = reader.position();
+    reader = CsvReader(reader.source().mid(from) + QString::fromUtf8(piece), reader.lineNumber());
+    return true;
+}
+
+bool CsvStream::next(CsvReader::Row& row)
+{
+    for (;;) {
+        const qsizetype before = reader.position();
+        const int lineBefore = reader.lineNumber();
+        if (reader.next(row) && (inputEnded || reader.endedWithLineEnd()))
+            return true;
+        // The row (or the blank lines before it) ran into the end of the
+        // piece: read it again with the next piece behind it.
+        reader = CsvReader(reader.source().mid(before), lineBefore);
+        if (!readPiece())
+            return inputEnded && !readFailed && reader.next(row);
+    }
 }
 
 bool CsvReader::atLineEnd() const

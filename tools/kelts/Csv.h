@@ -3,6 +3,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QIODevice>
 #include <QString>
 #include <QStringList>
 
@@ -15,7 +16,9 @@ namespace kelts {
 // starts on, for messages.
 class CsvReader {
 public:
-    explicit CsvReader(QString text);
+    // firstLine numbers the text's first line: a piece of a longer input
+    // goes on counting where the one before stopped.
+    explicit CsvReader(QString text, int firstLine = 1);
 
     struct Row {
         int line = 0;
@@ -24,6 +27,13 @@ public:
     };
     // False at the end of the text.
     bool next(Row& row);
+    // Where the next row would be looked for, and its line.
+    qsizetype position() const { return pos; }
+    int lineNumber() const { return line; }
+    // Whether the text before position() ends with a line end: the last row
+    // handed out was complete, not cut off by the end of a piece.
+    bool endedWithLineEnd() const { return pos > 0 && pos <= text.size() && text[pos - 1] == u'\n'; }
+    const QString& source() const { return text; }
 
 private:
     bool atLineEnd() const;
@@ -34,6 +44,33 @@ private:
     QString text;
     qsizetype pos = 0;
     int line = 1;
+};
+
+// Rows of CSV read from a device a piece at a time, in bounded memory: a
+// row is handed out once its line end (or the end of the input) was read,
+// so that a quoted field may span pieces. What is read may be copied to a
+// second device as it comes (a pipe kept for a second pass).
+class CsvStream {
+public:
+    explicit CsvStream(QIODevice& in, QIODevice* copy = nullptr);
+
+    // False at the end of the input, or when it could not be read or
+    // copied (failed() then tells).
+    bool next(CsvReader::Row& row);
+    qint64 bytesRead() const { return read; }
+    bool failed() const { return readFailed; }
+
+private:
+    // Reads the next piece; false at the end of the input.
+    bool readPiece();
+
+    QIODevice& in;
+    QIODevice* copy;
+    CsvReader reader{QString()};
+    QByteArray carried;   // bytes after the last line end read so far
+    bool inputEnded = false;
+    bool readFailed = false;
+    qint64 read = 0;
 };
 
 // The field as it must appear in a CSV row.

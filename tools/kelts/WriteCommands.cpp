@@ -8,15 +8,22 @@
 #include "Terminal.h"
 #include "ValueText.h"
 
+#include "RecordCodec.h"
+
 #include <QDir>
 #include <QDirIterator>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QTemporaryFile>
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
+#include <functional>
+#include <optional>
 #include <cstdio>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -34,68 +41,101 @@ constexpr std::size_t kBatchRecords = 100000;
 // Messages for this many bad lines at most, then a count.
 constexpr int kShownBadLines = 10;
 
-QString readAllStdin()
-{
-    if (isatty(fileno(stdin)) == 1)
-        printErrorLine(QStringLiteral("%1 write: reading CSV lines \"timestamp,value\" from the terminal; "
-                                      "end with Ctrl-D").arg(programName()));
-    QFile in;
-    if (!in.open(stdin, QIODevice::ReadOnly))
-        return QString();
-    return QString::fromUtf8(in.readAll());
-}
-
 bool looksLikeHeader(const CsvReader::Row& row)
 {
     const QString first = row.fields.value(0).trimmed();
     return !first.isEmpty() && first.front().isLetter();
 }
 
-// Every line checked; the records of a clean input, or the complaints.
-struct ParsedInput {
-    Records records;
+// The records of a CSV input, row by row: a header (a first row that
+// looks like one) is passed over and every other row is checked.
+class RecordRows {
+public:
+    RecordRows(QIODevice& in, QMetaType::Type type, QIODevice* copy = nullptr) : rows(in, copy), type(type) {}
+
+    // The next row's record, or why the row is bad (why set, rec untouched);
+    // false at the end of the input.
+    bool next(Interpolate::DataRecord& rec, int& line, QString& why)
+    {
+        CsvReader::Row row;
+        if (!rows.next(row))
+            return false;
+        const bool header = firstRow && looksLikeHeader(row);
+        firstRow = false;
+        if (header)
+            return next(rec, line, why);
+        line = row.line;
+        why.clear();
+        if (!row.error.isEmpty())
+            why = row.error;
+        else if (row.fields.size() != 2)
+            why = QStringLiteral("%1 where timestamp,value is expected (quote values that hold commas)")
+                      .arg(row.fields.size() == 1 ? QStringLiteral("1 field")
+                                                  : QStringLiteral("%1 fields").arg(row.fields.size()));
+        else if (parseTimestamp(row.fields[0], rec.timestamp, why))
+            parseValue(row.fields[1], type, rec.value, why);
+        return true;
+    }
+
+    qint64 bytesRead() const { return rows.bytesRead(); }
+    bool failed() const { return rows.failed(); }
+
+private:
+    CsvStream rows;
+    QMetaType::Type type;
+    bool firstRow = true;
+};
+
+// What the first pass over the input found: the records of a clean input
+// are counted and their order noted; a bad one has its complaints.
+struct InputCheck {
+    long long records = 0;
+    bool ordered = true;   // strictly increasing times: every batch appends behind the one before
+    long long first = LLONG_MAX;
+    long long last = LLONG_MIN;
     QStringList complaints;
     int badLines = 0;
 };
 
-void complain(ParsedInput& input, int line, const QString& what)
+InputCheck checkInput(RecordRows& rows, qint64 totalBytes, const std::function<void(const Interpolate::DataRecord&)>& keep)
 {
-    if (++input.badLines <= kShownBadLines)
-        input.complaints << QStringLiteral("line %1: %2").arg(line).arg(what);
+    Progress progress(QStringLiteral("checking"));
+    InputCheck check;
+    Interpolate::DataRecord rec;
+    int line = 0;
+    QString why;
+    long long previous = LLONG_MIN;
+    while (rows.next(rec, line, why)) {
+        if (!why.isEmpty()) {
+            if (++check.badLines <= kShownBadLines)
+                check.complaints << QStringLiteral("line %1: %2").arg(line).arg(why);
+            continue;
+        }
+        check.ordered = check.ordered && rec.timestamp > previous;
+        previous = rec.timestamp;
+        check.first = std::min(check.first, rec.timestamp);
+        check.last = std::max(check.last, rec.timestamp);
+        if (keep)
+            keep(rec);
+        if (++check.records % kBatchRecords == 0)
+            progress.show(totalBytes > 0 ? QStringLiteral("%1 records  %2%").arg(grouped(check.records))
+                                               .arg(rows.bytesRead() * 100 / totalBytes)
+                                         : QStringLiteral("%1 records").arg(grouped(check.records)));
+    }
+    return check;
 }
 
-ParsedInput parseInput(const QString& text, QMetaType::Type type)
+[[noreturn]] void refuseBadInput(const InputCheck& check)
 {
-    ParsedInput input;
-    input.records.reserve(std::size_t(text.count(u'\n')) + 1);
-    CsvReader reader(text);
-    CsvReader::Row row;
-    bool firstRow = true;
-    while (reader.next(row)) {
-        const bool header = firstRow && looksLikeHeader(row);
-        firstRow = false;
-        if (header)
-            continue;
-        if (!row.error.isEmpty()) {
-            complain(input, row.line, row.error);
-            continue;
-        }
-        if (row.fields.size() != 2) {
-            complain(input, row.line,
-                     QStringLiteral("%1 where timestamp,value is expected (quote values that hold commas)")
-                         .arg(row.fields.size() == 1 ? QStringLiteral("1 field") : QStringLiteral("%1 fields").arg(row.fields.size())));
-            continue;
-        }
-        Interpolate::DataRecord rec;
-        QString why;
-        if (!parseTimestamp(row.fields[0], rec.timestamp, why) ||
-            !parseValue(row.fields[1], type, rec.value, why)) {
-            complain(input, row.line, why);
-            continue;
-        }
-        input.records.push_back(std::move(rec));
-    }
-    return input;
+    QStringList lines;
+    for (const QString& c : check.complaints)
+        lines << QStringLiteral("%1 write: %2").arg(programName(), c);
+    if (check.badLines > kShownBadLines)
+        lines << QStringLiteral("%1 write: ... and %2 more bad lines").arg(programName()).arg(check.badLines - kShownBadLines);
+    lines << QStringLiteral("%1 write: %2; nothing was written")
+                 .arg(programName(), check.badLines == 1 ? QStringLiteral("1 bad line")
+                                                         : QStringLiteral("%1 bad lines").arg(check.badLines));
+    throw UsageError{lines.join(u'\n')};
 }
 
 // Sorted, so that each batch appends behind the one before, and one record
@@ -123,11 +163,6 @@ void sortByTimeLaterWins(Records& records)
         ++kept;
     }
     records.resize(kept);
-}
-
-std::size_t batchEnd(const Records& records, std::size_t from)
-{
-    return std::min(records.size(), from + kBatchRecords);
 }
 
 // The first entry of the series' tree that this process may not change: a
@@ -193,18 +228,24 @@ long long storedBetween(TSFileStorage& storage, long long first, long long last)
     return storage.getCount({}, {}, first, last, true, false, false);
 }
 
-long long writeInBatches(TSFileStorage& storage, Records& records, bool backfill, bool overwritten)
-{
-    Progress progress(QStringLiteral("writing"));
-    std::size_t written = 0;
-    long long added = 0;
-    while (written < records.size()) {
-        const std::size_t end = batchEnd(records, written);
-        const long long first = records[written].timestamp;
-        const long long last = records[end - 1].timestamp;
+// Hands batches to the storage; a batch it refuses ends the write with a
+// message that says what the storage holds of it and why.
+class BatchWriter {
+public:
+    BatchWriter(TSFileStorage& storage, bool backfill, bool overwritten, long long total)
+        : storage(storage), backfill(backfill), overwritten(overwritten), total(total), progress(QStringLiteral("writing"))
+    {
+    }
+
+    void write(Records batch)
+    {
+        sortByTimeLaterWins(batch);
+        if (batch.empty())
+            return;
+        const long long first = batch.front().timestamp;
+        const long long last = batch.back().timestamp;
+        const long long size = static_cast<long long>(batch.size());
         const long long before = storedBetween(storage, first, last);
-        Records batch(std::make_move_iterator(records.begin() + long(written)),
-                      std::make_move_iterator(records.begin() + long(end)));
         if (!storage.writeDataRecords(std::move(batch), backfill, overwritten)) {
             progress.done();
             const long long addedNow = std::max(0LL, storedBetween(storage, first, last) - before);
@@ -213,17 +254,182 @@ long long writeInBatches(TSFileStorage& storage, Records& records, bool backfill
                                             "%5 new records were stored before it stopped (%6 of those %7)")
                                  .arg(programName(), isoTime(first), isoTime(last),
                                       why.isEmpty() ? QStringLiteral("see the messages above") : why,
-                                      grouped(added + addedNow), grouped(addedNow),
-                                      grouped(static_cast<long long>(end - written)))};
+                                      grouped(added + addedNow), grouped(addedNow), grouped(size))};
         }
         added += storedBetween(storage, first, last) - before;
-        written = end;
+        written += size;
         progress.show(QStringLiteral("%1 of %2 records  %3%")
-                          .arg(grouped(static_cast<long long>(written)), grouped(static_cast<long long>(records.size())))
-                          .arg(written * 100 / records.size()));
+                          .arg(grouped(written), grouped(total))
+                          .arg(total > 0 ? written * 100 / total : 100));
     }
-    return static_cast<long long>(written);
+
+    long long records() const { return written; }
+
+private:
+    TSFileStorage& storage;
+    bool backfill;
+    bool overwritten;
+    long long total;
+    long long written = 0;
+    long long added = 0;
+    Progress progress;
+};
+
+// The second pass: the checked input goes to the storage in batches as it
+// is read. An input in time order, or one written without companions, is
+// never held: a later batch that meets the time of an earlier one
+// overwrites it, so the later line still wins. Only an input out of order
+// whose back-fills or replaced values are logged is sorted whole first,
+// since the logs must see it as one write.
+template <typename Next>
+long long writeInput(Next next, BatchWriter& writer, bool holdWhole)
+{
+    Records batch;
+    batch.reserve(holdWhole ? 0 : kBatchRecords);
+    for (;;) {
+        batch.emplace_back();
+        if (!next(batch.back())) {
+            batch.pop_back();
+            break;
+        }
+        if (!holdWhole && batch.size() == kBatchRecords) {
+            writer.write(std::move(batch));
+            batch.clear();
+            batch.reserve(kBatchRecords);
+        }
+    }
+    if (holdWhole)
+        sortByTimeLaterWins(batch);
+    for (std::size_t from = 0; from < batch.size(); from += kBatchRecords)
+        writer.write(Records(std::make_move_iterator(batch.begin() + long(from)),
+                             std::make_move_iterator(batch.begin() + long(std::min(batch.size(), from + kBatchRecords)))));
+    return writer.records();
 }
+
+// Checked records of a fixed-size type, kept in a temporary file between
+// the passes: the time and the value's bytes, 16 bytes a record, read back
+// exactly as they were parsed (the parser gives every value of a series
+// the same type). Parsing the text once is most of an import's time.
+class RecordSpill {
+public:
+    RecordSpill()
+    {
+        if (!file.open())
+            throw UsageError{QStringLiteral("%1 write: cannot keep the checked records in %2: %3")
+                                 .arg(programName(), QDir::tempPath(), file.errorString())};
+    }
+
+    void add(const Interpolate::DataRecord& rec)
+    {
+        if (!valueType.isValid())
+            valueType = rec.value.metaType();
+        QVariant value = rec.value;
+        if (value.metaType() != valueType)
+            value.convert(valueType);
+        Stored s{rec.timestamp, {}};
+        std::memcpy(s.bytes, value.constData(), std::min<std::size_t>(sizeof s.bytes, valueType.sizeOf()));
+        buffer.append(reinterpret_cast<const char*>(&s), sizeof s);
+        if (buffer.size() >= kSpillBufferBytes)
+            flush();
+    }
+
+    // Ready for reading back from the first record.
+    void rewind()
+    {
+        flush();
+        if (!file.seek(0))
+            fail();
+        buffer.clear();
+        at = 0;
+    }
+
+    bool next(Interpolate::DataRecord& rec)
+    {
+        if (at + qsizetype(sizeof(Stored)) > buffer.size()) {
+            buffer = buffer.mid(at) + file.read(kSpillBufferBytes);
+            at = 0;
+            if (buffer.size() < qsizetype(sizeof(Stored)))
+                return false;
+        }
+        Stored s;
+        std::memcpy(&s, buffer.constData() + at, sizeof s);
+        at += sizeof s;
+        rec.timestamp = s.timestamp;
+        rec.value = QVariant(valueType, s.bytes);
+        return true;
+    }
+
+private:
+    struct Stored {
+        qint64 timestamp;
+        char bytes[8];
+    };
+    static constexpr qsizetype kSpillBufferBytes = 1 << 20;
+
+    void flush()
+    {
+        if (file.write(buffer) != buffer.size())
+            fail();
+        buffer.clear();
+    }
+    [[noreturn]] void fail()
+    {
+        const int error = errno;
+        throw UsageError{QStringLiteral("%1 write: cannot keep the checked records in %2: %3; nothing was written")
+                             .arg(programName(), file.fileName(), QString::fromLocal8Bit(std::strerror(error)))};
+    }
+
+    QTemporaryFile file;
+    QByteArray buffer;
+    qsizetype at = 0;
+    QMetaType valueType;
+};
+
+// The input, readable twice: stdin itself when it is a file, else a copy
+// of it kept in a temporary file while the first pass reads it.
+class TwoPassInput {
+public:
+    explicit TwoPassInput(bool readTwice) : readTwice(readTwice)
+    {
+        struct stat st;
+        seekable = ::fstat(STDIN_FILENO, &st) == 0 && S_ISREG(st.st_mode);
+        start = seekable ? ::lseek(STDIN_FILENO, 0, SEEK_CUR) : 0;
+        size = seekable ? st.st_size - start : 0;
+        if (isatty(STDIN_FILENO) == 1)
+            printErrorLine(QStringLiteral("%1 write: reading CSV lines \"timestamp,value\" from the terminal; "
+                                          "end with Ctrl-D").arg(programName()));
+        if (!stdinFile.open(STDIN_FILENO, QIODevice::ReadOnly))
+            throw UsageError{QStringLiteral("%1 write: cannot read stdin").arg(programName())};
+        if (readTwice && !seekable && !spill.open())
+            throw UsageError{QStringLiteral("%1 write: cannot keep the input in %2: %3")
+                                 .arg(programName(), QDir::tempPath(), spill.errorString())};
+    }
+
+    QIODevice& first() { return stdinFile; }
+    QIODevice* copy() { return readTwice && !seekable ? &spill : nullptr; }
+    qint64 bytes() const { return size; }
+
+    QIODevice& second()
+    {
+        if (!seekable) {
+            if (!spill.flush() || !spill.seek(0))
+                throw UsageError{QStringLiteral("%1 write: cannot read back %2").arg(programName(), spill.fileName())};
+            return spill;
+        }
+        stdinFile.close();
+        if (::lseek(STDIN_FILENO, start, SEEK_SET) != start || !stdinFile.open(STDIN_FILENO, QIODevice::ReadOnly))
+            throw UsageError{QStringLiteral("%1 write: cannot read stdin again").arg(programName())};
+        return stdinFile;
+    }
+
+private:
+    bool readTwice;
+    bool seekable = false;
+    off_t start = 0;
+    qint64 size = 0;
+    QFile stdinFile;
+    QTemporaryFile spill;
+};
 
 int write(const QStringList& args)
 {
@@ -240,26 +446,27 @@ int write(const QStringList& args)
     if (QFileInfo(dir).exists() && !QFileInfo(dir).isDir())
         cl.fail(QStringLiteral("%1 is not a directory").arg(dir));
 
-    ParsedInput input = parseInput(readAllStdin(), type);
-    if (input.badLines > 0) {
-        QStringList lines;
-        for (const QString& c : input.complaints)
-            lines << QStringLiteral("%1 write: %2").arg(programName(), c);
-        if (input.badLines > kShownBadLines)
-            lines << QStringLiteral("%1 write: ... and %2 more bad lines").arg(programName()).arg(input.badLines - kShownBadLines);
-        lines << QStringLiteral("%1 write: %2; nothing was written")
-                     .arg(programName(), input.badLines == 1 ? QStringLiteral("1 bad line")
-                                                             : QStringLiteral("%1 bad lines").arg(input.badLines));
-        throw UsageError{lines.join(u'\n')};
-    }
-    if (input.records.empty()) {
+    // Records of a fixed size are kept as they were parsed; text and JSON
+    // values, of any size, are parsed again from the input.
+    const bool fixedSize = !Kel::detail::isVariableType(type);
+    std::optional<RecordSpill> spill;
+    if (fixedSize)
+        spill.emplace();
+    TwoPassInput input(!fixedSize);
+    RecordRows firstPass(input.first(), type, input.copy());
+    const InputCheck check = checkInput(firstPass, input.bytes(), [&spill](const Interpolate::DataRecord& rec) {
+        if (spill)
+            spill->add(rec);
+    });
+    if (firstPass.failed())
+        throw UsageError{QStringLiteral("%1 write: the input could not be read; nothing was written").arg(programName())};
+    if (check.badLines > 0)
+        refuseBadInput(check);
+    if (check.records == 0) {
         std::puts("0 records written");
         return EXIT_DONE;
     }
 
-    sortByTimeLaterWins(input.records);
-    const long long first = input.records.front().timestamp;
-    const long long last = input.records.back().timestamp;
     auto storage = makeStorage(dir, type, maxFileSize);
     const bool backfill = cl.isSet(QStringLiteral("backfill"));
     const bool overwritten = cl.isSet(QStringLiteral("overwritten"));
@@ -267,9 +474,28 @@ int write(const QStringList& args)
     if (!unwritable.isEmpty())
         throw UsageError{QStringLiteral("%1 write: cannot write into %2: permission denied; nothing was written")
                              .arg(programName(), unwritable)};
-    const long long n = writeInBatches(*storage, input.records, backfill, overwritten);
-    std::printf("%lld record%s written, %s to %s\n", n, n == 1 ? "" : "s", qPrintable(isoTime(first)),
-                qPrintable(isoTime(last)));
+    BatchWriter writer(*storage, backfill, overwritten, check.records);
+    const bool holdWhole = !check.ordered && (backfill || overwritten);
+    long long n = 0;
+    if (spill) {
+        spill->rewind();
+        n = writeInput([&spill](Interpolate::DataRecord& rec) { return spill->next(rec); }, writer, holdWhole);
+    } else {
+        RecordRows secondPass(input.second(), type);
+        n = writeInput([&secondPass](Interpolate::DataRecord& rec) {
+            int line = 0;
+            QString why;
+            if (!secondPass.next(rec, line, why))
+                return false;
+            if (!why.isEmpty())
+                throw UsageError{QStringLiteral("%1 write: line %2 changed since it was checked: %3").arg(programName()).arg(line).arg(why)};
+            return true;
+        }, writer, holdWhole);
+        if (secondPass.failed())
+            throw UsageError{QStringLiteral("%1 write: the input could not be read again").arg(programName())};
+    }
+    std::printf("%lld record%s written, %s to %s\n", n, n == 1 ? "" : "s", qPrintable(isoTime(check.first)),
+                qPrintable(isoTime(check.last)));
     return EXIT_DONE;
 }
 
