@@ -48,9 +48,37 @@ TEST(KeltsTimeText, AcceptsTheFormsOperatorsType)
         {"2024-05-07", 1715040000000},               {"2024-02-29", 1709164800000},
         {"  2024-05-07T09:03:00Z ", 1715072580000},  {"9999-12-31T23:59:59.999Z", kLatestMs},
         {"1969-12-31T23:59:59.999Z", -1},
+        // Finer fractions keep their milliseconds; the basic form.
+        {"2024-05-07T09:03:00.123456Z", 1715072580123}, {"2024-05-07T09:03:00,999999999Z", 1715072580999},
+        {"20240507T090300Z", 1715072580000},         {"20240507T110300.25+0200", 1715072580250},
+        {"20240507T0903Z", 1715072580000},
     };
     for (const auto& c : cases)
         EXPECT_EQ(parsedMs(c.text), c.ms) << c.text;
+}
+
+TEST(KeltsTimeText, LocalTimesFollowTheChosenZoneAndItsClockChanges)
+{
+    setTimeZone(QTimeZone("Europe/Berlin"));
+    EXPECT_EQ(parsedMs("2024-03-31T01:30:00"), 1711845000000);   // +01:00, before the change
+    EXPECT_EQ(parsedMs("2024-03-31T03:30:00"), 1711848600000);   // +02:00, after it
+    EXPECT_EQ(parsedMs("2024-05-07"), 1715032800000);            // local midnight
+    EXPECT_EQ(parsedMs("2024-05-07T09:03:00Z"), 1715072580000);  // a zone given wins
+    EXPECT_TRUE(refusal("2024-03-31T02:30:00").contains("the clocks skip it"));
+    EXPECT_TRUE(refusal("2024-10-27T02:30:00").contains("happens twice"));
+    EXPECT_EQ(parsedMs("2024-10-27T02:30:00+01:00"), 1729992600000);
+    EXPECT_EQ(formatTime(1711848600000, TimeFormat::Iso), "2024-03-31T03:30:00.000+02:00");
+    char row[kTimeTextBytes];
+    EXPECT_EQ(writeTime(row, 1711848600000, TimeFormat::Iso), nullptr);   // local times take the general way
+    EXPECT_EQ(formatTime(1711848600000, TimeFormat::Ms), "1711848600000");
+    setTimeZone(std::nullopt);
+    EXPECT_EQ(formatTime(1711848600000, TimeFormat::Iso), "2024-03-31T01:30:00.000Z");
+    EXPECT_TRUE(refusal("2024-03-31T01:30:00").contains("no time zone"));
+
+    QTimeZone zone;
+    QString why;
+    EXPECT_FALSE(parseTimeZone(u"Mars/Olympus", zone, why));
+    EXPECT_TRUE(why.contains("no time zone"));
 }
 
 TEST(KeltsTimeText, RefusesWhatItCannotBeSureOfAndSaysWhy)
@@ -58,7 +86,8 @@ TEST(KeltsTimeText, RefusesWhatItCannotBeSureOfAndSaysWhy)
     const std::pair<const char*, const char*> cases[] = {
         {"2024-05-07T09:03:00", "no time zone"},        {"2023-02-29", "names no calendar date"},
         {"2024-05-07T24:00:00Z", "names no time of day"}, {"2024-05-07T09:60:00Z", "names no time of day"},
-        {"2024-05-07T09:03:00.1234Z", "is not a time"}, {"2024-05-07T09:03:00+2", "is not a time"},
+        {"2024-05-07T09:03:00.1234567890Z", "is not a time"}, {"2024-05-07T09:03:00+2", "is not a time"},
+        {"20240507T0903", "no time zone"},
         {"99999999999999999999", "too large"},          {"253402300800000", "outside the years 0 to 9999"},
         {"yesterday", "is not a time"},                 {"", "is not a time"},
     };

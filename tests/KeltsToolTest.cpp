@@ -485,3 +485,24 @@ TEST_F(KeltsTool, LsAndInfoCoverEverySeriesUnderARootAndTypesNeedNoNamingWhereTh
 }
 
 } // namespace
+
+namespace {
+
+using namespace Kel::test;
+
+TEST_F(KeltsTool, TimesAreTypedAndPrintedInTheZoneAsked)
+{
+    write(dir(), "int", "2024-03-31 01:30,1\n2024-03-31T03:30:00,2\n20240331T120002Z,3\n",
+          {"--tz", "Europe/Berlin"});
+    EXPECT_EQ(readLines(dir(), "int"), (QStringList{"timestamp,value", "1711845000000,1", "1711848600000,2",
+                                                   "1711886402000,3"}));
+    const Outcome local = kelts({"read", dir(), "--type", "int", "--tz", "Europe/Berlin", "--from", "2024-03-31T03:00:00"});
+    EXPECT_EQ(lines(local.out), (QStringList{"timestamp,value", "2024-03-31T03:30:00.000+02:00,2",
+                                             "2024-03-31T14:00:02.000+02:00,3"}));
+    const Outcome skipped = kelts({"write", dir(), "--type", "int", "--tz", "Europe/Berlin"}, "2024-03-31T02:30:00,9\n");
+    EXPECT_EQ(skipped.status, 2);
+    EXPECT_TRUE(skipped.err.contains("the clocks skip it")) << qPrintable(skipped.err);
+    EXPECT_EQ(kelts({"read", dir(), "--type", "int", "--tz", "Nowhere/Atall"}).status, 2);
+}
+
+} // namespace

@@ -17,6 +17,7 @@ CommandLine::CommandLine(const Command& command) : command(command)
     flag(QStringLiteral("h,help"));
     flag(QStringLiteral("q,quiet"));
     flag(QStringLiteral("v,verbose"));
+    option(QStringLiteral("tz"), QStringLiteral("ZONE"));
 }
 
 void CommandLine::flag(const QString& names, const QString& description)
@@ -43,6 +44,13 @@ bool CommandLine::parse(const QStringList& args, int minPositional, int maxPosit
     installLogSink(parser.isSet(QStringLiteral("quiet"))     ? Verbosity::Quiet
                    : parser.isSet(QStringLiteral("verbose")) ? Verbosity::Verbose
                                                              : Verbosity::Normal);
+    if (parser.isSet(QStringLiteral("tz"))) {
+        QTimeZone zone;
+        QString why;
+        if (!parseTimeZone(parser.value(QStringLiteral("tz")), zone, why))
+            fail(why);
+        setTimeZone(zone);
+    }
     const qsizetype n = parser.positionalArguments().size();
     if (n < minPositional)
         fail(minPositional == 1 ? QStringLiteral("give the series directory")

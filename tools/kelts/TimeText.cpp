@@ -5,9 +5,11 @@
 #include <QDate>
 #include <QDateTime>
 #include <QRegularExpression>
+#include <QTimeZone>
 #include <QTime>
 
 #include <charconv>
+#include <optional>
 
 namespace kelts {
 
@@ -64,12 +66,50 @@ bool zoneOffsetMinutes(QStringView zone, int& minutes)
     return true;
 }
 
+std::optional<QTimeZone>& chosenZone()
+{
+    static std::optional<QTimeZone> zone;
+    return zone;
+}
+
+// The instant of a local time in a zone; refused where the clocks skip it
+// (spring) or pass it twice (autumn), rather than guessed.
+bool localInstant(const QDate& date, const QTime& time, const QTimeZone& zone, QStringView text, long long& ms,
+                  QString& why)
+{
+    ms = QDateTime(date, time, zone).toMSecsSinceEpoch();
+    const auto readsAs = [&](long long at) {
+        const QDateTime local = QDateTime::fromMSecsSinceEpoch(at, zone);
+        return local.date() == date && local.time() == time;
+    };
+    if (!readsAs(ms)) {
+        why = QStringLiteral("'%1' does not exist in %2: the clocks skip it").arg(text, QString::fromUtf8(zone.id()));
+        return false;
+    }
+    const QDateTime around = QDateTime::fromMSecsSinceEpoch(ms, zone);
+    const long long change = (zone.offsetFromUtc(around.addSecs(12 * 3600)) - zone.offsetFromUtc(around.addSecs(-12 * 3600))) *
+                             kSecondMs;
+    if (change != 0 && (readsAs(ms + change) || readsAs(ms - change))) {
+        why = QStringLiteral("'%1' happens twice in %2 (the clocks go back): give its offset, such as +01:00")
+                  .arg(text, QString::fromUtf8(zone.id()));
+        return false;
+    }
+    return true;
+}
+
 bool parseIso(QStringView text, long long& ms, QString& why)
 {
-    static const QRegularExpression pattern(QStringLiteral(
+    // The extended form and the basic one, with the same groups: date, hour,
+    // minute, second, fraction, zone.
+    static const QRegularExpression extended(QStringLiteral(
         "^(\\d{4})-(\\d{2})-(\\d{2})"
-        "(?:[T ](\\d{2}):(\\d{2})(?::(\\d{2})(?:\\.(\\d{1,3}))?)?(Z|z|[+-]\\d{2}:?\\d{2})?)?$"));
-    const QRegularExpressionMatch m = pattern.match(text);
+        "(?:[T ](\\d{2}):(\\d{2})(?::(\\d{2})(?:[.,](\\d{1,9}))?)?(Z|z|[+-]\\d{2}:?\\d{2})?)?$"));
+    static const QRegularExpression basic(QStringLiteral(
+        "^(\\d{4})(\\d{2})(\\d{2})"
+        "T(\\d{2})(\\d{2})(?:(\\d{2})(?:[.,](\\d{1,9}))?)?(Z|z|[+-]\\d{2}:?\\d{2})?$"));
+    QRegularExpressionMatch m = extended.match(text);
+    if (!m.hasMatch())
+        m = basic.match(text);
     if (!m.hasMatch()) {
         why = QStringLiteral("'%1' is not a time: give milliseconds since 1970 or ISO 8601 UTC "
                              "such as 2024-05-07T09:03:00Z")
@@ -82,11 +122,13 @@ bool parseIso(QStringView text, long long& ms, QString& why)
         return false;
     }
     const bool hasTime = m.capturedLength(4) > 0;
-    if (hasTime && m.capturedLength(8) == 0) {
-        why = QStringLiteral("'%1' has no time zone: add Z for UTC").arg(text);
+    const std::optional<QTimeZone>& zone = chosenZone();
+    const bool local = m.capturedLength(8) == 0 && zone;
+    if (hasTime && m.capturedLength(8) == 0 && !zone) {
+        why = QStringLiteral("'%1' has no time zone: add Z for UTC (or give --tz)").arg(text);
         return false;
     }
-    QString fraction = m.captured(7);
+    QString fraction = m.captured(7).left(3);   // the storage keeps milliseconds
     while (fraction.size() < 3)
         fraction += u'0';   // ".5" is half a second
     const QTime time(m.captured(4).toInt(), m.captured(5).toInt(), m.captured(6).toInt(),
@@ -96,12 +138,15 @@ bool parseIso(QStringView text, long long& ms, QString& why)
         return false;
     }
     int offsetMinutes = 0;
-    if (hasTime && !zoneOffsetMinutes(m.captured(8), offsetMinutes)) {
+    if (local) {
+        if (!localInstant(date, hasTime ? time : QTime(0, 0), *zone, text, ms, why))
+            return false;
+    } else if (hasTime && !zoneOffsetMinutes(m.captured(8), offsetMinutes)) {
         why = QStringLiteral("'%1' has an unreadable time zone").arg(text);
         return false;
     }
-    ms = QDateTime(date, hasTime ? time : QTime(0, 0), Qt::UTC).toMSecsSinceEpoch() -
-         offsetMinutes * kMinuteMs;
+    if (!local)
+        ms = QDateTime(date, hasTime ? time : QTime(0, 0), Qt::UTC).toMSecsSinceEpoch() - offsetMinutes * kMinuteMs;
     if (ms < kEarliestMs || ms > kLatestMs) {
         why = QStringLiteral("'%1' lies outside the years 0 to 9999").arg(text);
         return false;
@@ -127,7 +172,27 @@ QString isoTime(long long ms)
 
 QString formatTime(long long ms, TimeFormat format)
 {
-    return format == TimeFormat::Ms ? QString::number(ms) : isoTime(ms);
+    if (format == TimeFormat::Ms)
+        return QString::number(ms);
+    if (const std::optional<QTimeZone>& zone = chosenZone())
+        return QDateTime::fromMSecsSinceEpoch(ms, *zone).toString(Qt::ISODateWithMs);
+    return isoTime(ms);
+}
+
+void setTimeZone(std::optional<QTimeZone> zone)
+{
+    chosenZone() = std::move(zone);
+}
+
+bool parseTimeZone(QStringView text, QTimeZone& zone, QString& why)
+{
+    zone = QTimeZone(text.toUtf8());
+    if (!zone.isValid()) {
+        why = QStringLiteral("--tz: '%1' is no time zone this machine knows (an IANA name such as Europe/Berlin, or UTC)")
+                  .arg(text);
+        return false;
+    }
+    return true;
 }
 
 namespace {
@@ -161,6 +226,8 @@ char* writeTime(char* p, long long ms, TimeFormat format)
 {
     if (format == TimeFormat::Ms)
         return std::to_chars(p, p + kTimeTextBytes, ms).ptr;
+    if (chosenZone())
+        return nullptr;
     const long long days = (ms >= 0 ? ms : ms - (kDayMs - 1)) / kDayMs;
     long long inDay = ms - days * kDayMs;
     long long year = 0;

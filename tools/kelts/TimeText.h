@@ -5,6 +5,9 @@
 
 #include <QString>
 #include <QStringView>
+#include <QTimeZone>
+
+#include <optional>
 
 namespace kelts {
 
@@ -17,10 +20,20 @@ constexpr long long kDayMs = 24 * kHourMs;
 constexpr long long kEarliestMs = -62167219200000LL;   // 0000-01-01T00:00:00.000Z
 constexpr long long kLatestMs = 253402300799999LL;     // 9999-12-31T23:59:59.999Z
 
+// The zone of --tz: times print in it, and a time typed without a zone
+// is read in it (daylight saving included). Without one (nullopt), both
+// are UTC.
+void setTimeZone(std::optional<QTimeZone> zone);
+// An IANA name ("Europe/Berlin") or "UTC".
+bool parseTimeZone(QStringView text, QTimeZone& zone, QString& why);
+
 // Milliseconds since 1970-01-01 UTC, or ISO 8601 such as
 // "2024-05-07T09:03:00Z", "2024-05-07T09:03:00.250Z", "2024-05-07 09:03Z",
-// "2024-05-07T11:03:00+02:00" or a plain date "2024-05-07" (midnight UTC).
-// A time of day without a zone is refused rather than guessed.
+// "2024-05-07T11:03:00+02:00", the basic form "20240507T090300Z", or a plain
+// date "2024-05-07" (midnight UTC, or in the --tz zone). Digits of a second
+// beyond the millisecond are dropped (".123456" is .123). A time of day
+// without a zone is read in the --tz zone, and refused without one rather
+// than guessed; so is a local time the clocks skip or pass twice.
 bool parseTimestamp(QStringView text, long long& ms, QString& why);
 
 enum class TimeFormat { Iso, Ms };
@@ -28,10 +41,12 @@ enum class TimeFormat { Iso, Ms };
 // "2024-05-07T09:03:00.000Z", always with milliseconds, so that the text
 // reads back as the same instant.
 QString isoTime(long long ms);
+// The time as output prints it: isoTime, or with --tz the local time with
+// its offset ("2024-05-07T11:03:00.000+02:00"), or milliseconds.
 QString formatTime(long long ms, TimeFormat format);
 // The same text written into p, for the millions of rows of a read: at most
 // kTimeTextBytes characters. Returns the end of the text, or null for an
-// instant before year 1, which only isoTime writes.
+// instant before year 1 or a local time, which only formatTime writes.
 constexpr int kTimeTextBytes = 24;
 char* writeTime(char* p, long long ms, TimeFormat format);
 bool parseTimeFormat(QStringView text, TimeFormat& format, QString& why);
