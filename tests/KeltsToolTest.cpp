@@ -506,3 +506,36 @@ TEST_F(KeltsTool, TimesAreTypedAndPrintedInTheZoneAsked)
 }
 
 } // namespace
+
+namespace {
+
+using namespace Kel::test;
+
+TEST_F(KeltsTool, GapsFindsGapsNanRunsAndFlatLines)
+{
+    // Two hours of one-second readings: a 10-minute hole, ten NaN values and
+    // a value stuck for the last 53 minutes.
+    QByteArray csv;
+    for (int i = 0; i < 7200; ++i) {
+        if (i >= 1000 && i < 1600)
+            continue;
+        const QByteArray value = i >= 3000 && i < 3010 ? "nan" : i >= 4000 ? "5" : QByteArray::number(i % 7);
+        csv += QByteArray::number(1714521600000LL + i * 1000LL) + ',' + value + '\n';
+    }
+    write(dir(), "double", csv);
+
+    const Outcome found = kelts({"gaps", dir(), "--flat-longer-than", "30m"});
+    EXPECT_EQ(found.status, 0) << qPrintable(found.err);
+    EXPECT_EQ(lines(found.out), (QStringList{"kind,from,to,seconds,records",
+                                             "gap,2024-05-01T00:16:39.000Z,2024-05-01T00:26:40.000Z,601.000,0",
+                                             "nan,2024-05-01T00:50:00.000Z,2024-05-01T00:50:09.000Z,9.000,10",
+                                             "flat,2024-05-01T01:06:40.000Z,2024-05-01T01:59:59.000Z,3199.000,3200"}));
+    EXPECT_TRUE(found.err.contains("1 gaps longer than 5s")) << qPrintable(found.err);   // five usual steps
+    EXPECT_EQ(lines(kelts({"gaps", dir(), "--longer-than", "11m", "--flat-longer-than", "1h"}).out).size(), 2);
+    const Outcome table = kelts({"gaps", dir(), "--format", "table", "--time", "ms"});
+    EXPECT_TRUE(table.out.contains("gap    1714522599000")) << qPrintable(table.out);
+    EXPECT_TRUE(table.out.contains("10m 1s")) << qPrintable(table.out);
+    EXPECT_EQ(kelts({"gaps", dir(), "--longer-than", "soon"}).status, 2);
+}
+
+} // namespace

@@ -63,6 +63,7 @@ extern const Command findCommand;
 extern const Command prevCommand;
 extern const Command infoCommand;
 extern const Command lsCommand;
+extern const Command gapsCommand;
 extern const Command checkCommand;
 extern const Command templatesCommand;
 extern const Command plotCommand;

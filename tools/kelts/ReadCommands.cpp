@@ -21,10 +21,6 @@ using Kel::Interpolate;
 using Kel::TSFileStorage;
 using Records = std::vector<Interpolate::DataRecord>;
 
-// A plain raw read is fetched this many records at a time, so that a year
-// of readings prints without being held in memory at once.
-constexpr int kPieceRecords = 100000;
-
 struct Printer {
     Printer(QMetaType::Type type, TimeFormat format) : type(type), format(format) {}
 
@@ -58,41 +54,6 @@ struct Printer {
 {
     throw UsageError{QStringLiteral("%1 read: the storage could not read the series (see the messages above)")
                          .arg(programName())};
-}
-
-// The share of the range read so far, for the progress line.
-QString progressState(long long at, long long from, long long to, long long records)
-{
-    const int percent = to > from ? int(std::clamp((at - from) * 100 / (to - from), 0LL, 100LL)) : 100;
-    return QStringLiteral("%1  %2 records  %3%").arg(isoTime(at), grouped(records)).arg(percent);
-}
-
-// Raw records in pieces: each piece starts 1 ms after the last record of
-// the piece before.
-long long readRawInPieces(TSFileStorage& storage, const ReadRequest& r, long long from, long long to,
-                          Printer& printer)
-{
-    Progress progress(QStringLiteral("reading"));
-    long long progressFrom = 0;
-    long long progressTo = 0;
-    instantOf(r.from, storage, progressFrom);
-    instantOf(r.to, storage, progressTo);
-    long long total = 0;
-    long long start = from;
-    for (;;) {
-        const long long wanted = r.limit > 0 ? std::min<long long>(kPieceRecords, r.limit - total) : kPieceRecords;
-        int count = int(wanted);
-        Records piece;
-        if (!storage.readDataRecords(r.param, {}, start, to, piece, r.labelAtStart, count))
-            readFailed();
-        printer.records(piece);
-        total += static_cast<long long>(piece.size());
-        if (static_cast<long long>(piece.size()) < wanted || (r.limit > 0 && total >= r.limit))
-            break;
-        start = piece.back().timestamp + 1;
-        progress.show(progressState(start, progressFrom, progressTo, total));
-    }
-    return total;
 }
 
 // The records a raw read returned, for the comparison with what the files
@@ -152,7 +113,8 @@ int read(const QStringList& args)
 
     printer.out.row({QStringLiteral("timestamp"), QStringLiteral("value")});
     if (isPlainRaw(r) && !withBackfill && !withOverwritten) {
-        const long long returned = readRawInPieces(*storage, r, from, to, printer);
+        const long long returned = readRawInPieces(*storage, r, from, to, QStringLiteral("read"),
+                                                   [&printer](const Records& piece) { printer.records(piece); });
         printer.out.flush();
         return readOutcome(QStringLiteral("read"), *storage, dir, from, to, rawReturned(r, returned), r.limit);
     }

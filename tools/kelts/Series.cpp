@@ -133,6 +133,49 @@ void checkMethod(const CommandLine& cl, const ReadRequest& r, QMetaType::Type ty
 
 } // namespace
 
+namespace {
+
+// A plain raw read is fetched this many records at a time, so that a year
+// of readings is never held in memory at once.
+constexpr int kPieceRecords = 100000;
+
+// The share of the range read so far, for the progress line.
+QString progressState(long long at, long long from, long long to, long long records)
+{
+    const int percent = to > from ? int(std::clamp((at - from) * 100 / (to - from), 0LL, 100LL)) : 100;
+    return QStringLiteral("%1  %2 records  %3%").arg(isoTime(at), grouped(records)).arg(percent);
+}
+
+} // namespace
+
+long long readRawInPieces(TSFileStorage& storage, const ReadRequest& r, long long from, long long to,
+                          const QString& command, const std::function<void(const Records&)>& take)
+{
+    Progress progress(QStringLiteral("reading"));
+    long long progressFrom = 0;
+    long long progressTo = 0;
+    instantOf(r.from, storage, progressFrom);
+    instantOf(r.to, storage, progressTo);
+    long long total = 0;
+    long long start = from;
+    for (;;) {
+        const long long wanted = r.limit > 0 ? std::min<long long>(kPieceRecords, r.limit - total) : kPieceRecords;
+        int count = int(wanted);
+        Records piece;
+        if (!storage.readDataRecords(r.param, {}, start, to, piece, r.labelAtStart, count))
+            throw UsageError{QStringLiteral("%1 %2: the storage could not read the series (see the messages above)")
+                                 .arg(programName(), command)};
+        take(piece);
+        total += static_cast<long long>(piece.size());
+        if (static_cast<long long>(piece.size()) < wanted || (r.limit > 0 && total >= r.limit))
+            break;
+        start = piece.back().timestamp + 1;
+        progress.show(progressState(start, progressFrom, progressTo, total));
+    }
+    return total;
+}
+
+
 int readOutcome(const QString& command, TSFileStorage& storage, const QString& dir, long long from, long long to,
                 long long returned, long long limit)
 {

@@ -10,6 +10,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -92,6 +93,15 @@ QString differenceKeyword(const QString& method);
 // True for a read that returns the stored records unchanged, which may be
 // read in pieces.
 bool isPlainRaw(const ReadRequest& request);
+
+using Records = std::vector<Kel::Interpolate::DataRecord>;
+
+// Reads the raw records of the range in pieces of 100,000, each starting
+// 1 ms after the last record of the piece before, and hands each to take,
+// with a progress line; stops at the request's limit. Returns the records
+// read; throws UsageError when the storage cannot read.
+long long readRawInPieces(Kel::TSFileStorage& storage, const ReadRequest& r, long long from, long long to,
+                          const QString& command, const std::function<void(const Records&)>& take);
 
 // How a read ends: EXIT_DAMAGED, with a warning that names kelts check, when
 // the library logged a failure during the command or a raw read gave fewer

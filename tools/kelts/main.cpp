@@ -101,7 +101,7 @@ const std::vector<Command>& commands()
     static const std::vector<Command> all = {
         writeCommand, readCommand, countCommand, firstCommand,     lastCommand,
         findCommand,  prevCommand, deleteCommand, lsCommand, infoCommand,     checkCommand,
-        plotCommand,  templatesCommand, demoCommand,
+        gapsCommand, plotCommand,  templatesCommand, demoCommand,
     };
     return all;
 }
