@@ -14,6 +14,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QProcessEnvironment>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QXmlStreamReader>
 
@@ -536,6 +537,81 @@ TEST_F(KeltsTool, GapsFindsGapsNanRunsAndFlatLines)
     EXPECT_TRUE(table.out.contains("gap    1714522599000")) << qPrintable(table.out);
     EXPECT_TRUE(table.out.contains("10m 1s")) << qPrintable(table.out);
     EXPECT_EQ(kelts({"gaps", dir(), "--longer-than", "soon"}).status, 2);
+}
+
+} // namespace
+
+namespace {
+
+using namespace Kel::test;
+
+class KeltsReadFormats : public KeltsTool {
+protected:
+    void SetUp() override
+    {
+        write(dir("a"), "double", "2024-05-01T00:00:00Z,1\n2024-05-01T00:30:00Z,3\n2024-05-01T01:00:00Z,nan\n");
+        write(dir("b"), "double", "2024-05-01T00:00:00Z,10\n2024-05-01T01:10:00Z,20\n");
+    }
+};
+
+TEST_F(KeltsReadFormats, JsonAndTableCarryWhatCsvCarries)
+{
+    const Outcome json = kelts({"read", dir("a"), "--format", "json", "--time", "ms"});
+    EXPECT_EQ(json.status, 0);
+    EXPECT_EQ(json.out.simplified().remove(u' '),
+              "[{\"timestamp\":1714521600000,\"value\":1},{\"timestamp\":1714523400000,\"value\":3},"
+              "{\"timestamp\":1714525200000,\"value\":null}]");
+    EXPECT_EQ(kelts({"read", dir("a"), "--format", "json", "--from", "2030-01-01", "--to", "2030-01-02"}).out.trimmed(), "[]");
+    write(dir("text"), "string", "2024-05-01T00:00:00Z,\"say \"\"hi\"\"\"\n");
+    EXPECT_TRUE(kelts({"read", dir("text"), "--type", "string", "--format", "json"}).out.contains(R"("value":"say \"hi\"")"));
+
+    const QStringList table = lines(kelts({"read", dir("a"), "--format", "table"}).out);
+    ASSERT_EQ(table.size(), 4);
+    EXPECT_TRUE(table[0].startsWith("timestamp"));
+    EXPECT_TRUE(table[1].startsWith("2024-05-01T00:00:00.000Z"));
+    EXPECT_TRUE(table[1].endsWith(" 1"));
+    EXPECT_EQ(table[1].size(), table[2].size());   // aligned
+    EXPECT_EQ(kelts({"read", dir("a"), "--format", "xml"}).status, 2);
+}
+
+TEST_F(KeltsReadFormats, SeveralSeriesShareOneTimeGrid)
+{
+    const Outcome both = kelts({"read", dir("a"), dir("b"), "--method", "meanA", "--interval", "30m", "--align"});
+    EXPECT_EQ(both.status, 0) << qPrintable(both.err);
+    const QStringList rows = lines(both.out);
+    EXPECT_EQ(rows.value(0), "timestamp,a,b");
+    ASSERT_GE(rows.size(), 3);
+    for (const QString& row : rows.mid(1))
+        EXPECT_EQ(row.count(u','), 2) << qPrintable(row);
+    // Each column is what a read of that series alone gives.
+    const QStringList alone = lines(kelts({"read", dir("b"), "--method", "meanA", "--interval", "30m", "--align"}).out);
+    for (const QString& row : alone.mid(1))
+        EXPECT_TRUE(rows.contains(QRegularExpression(QRegularExpression::escape(row.section(u',', 0, 0)) + ",[^,]*," +
+                                                     QRegularExpression::escape(row.section(u',', 1)) + "$")))
+            << qPrintable(row);
+    EXPECT_EQ(kelts({"read", dir("a"), dir("b")}).status, 2);   // raw: no common grid
+}
+
+TEST_F(KeltsReadFormats, TailPrintsTheLastRecordsAndFollowsNewOnes)
+{
+    EXPECT_EQ(lines(kelts({"tail", dir("a"), "-n", "2", "--time", "ms"}).out),
+              (QStringList{"timestamp,value", "1714523400000,3", "1714525200000,nan"}));
+
+    QProcess follow;
+    follow.start(QStringLiteral(KELTS_BINARY), {"tail", dir("b"), "-n", "1", "-f", "--poll", "1", "--time", "ms"});
+    ASSERT_TRUE(follow.waitForStarted());
+    QByteArray seen;
+    while (!seen.contains("1714525800000,20") && follow.waitForReadyRead(10000))
+        seen += follow.readAllStandardOutput();
+    write(dir("b"), "double", "2024-05-01T02:00:00Z,30\n");
+    while (!seen.contains("1714528800000,30") && follow.waitForReadyRead(10000))
+        seen += follow.readAllStandardOutput();
+    follow.terminate();   // SIGTERM ends it cleanly
+    ASSERT_TRUE(follow.waitForFinished(10000));
+    seen += follow.readAllStandardOutput();
+    EXPECT_EQ(follow.exitCode(), 0);
+    EXPECT_EQ(QString::fromUtf8(seen).split(u'\n', Qt::SkipEmptyParts),
+              (QStringList{"timestamp,value", "1714525800000,20", "1714528800000,30"}));
 }
 
 } // namespace

@@ -84,11 +84,16 @@ QString CommandLine::required(const QString& name) const
 
 QMetaType::Type CommandLine::valueType() const
 {
+    return valueTypeOf(positional().value(0));
+}
+
+QMetaType::Type CommandLine::valueTypeOf(const QString& dir) const
+{
     if (parser.isSet(QStringLiteral("type")))
         return *optionalValueType();
     // A directory that holds one value type's series, and a directory no
     // other type shares, needs no --type.
-    const QStringList markers = positional().isEmpty() ? QStringList() : markersIn(positional().at(0));
+    const QStringList markers = dir.isEmpty() ? QStringList() : markersIn(dir);
     if (markers.size() == 1 && !typesOfMarker(markers.first()).contains(QLatin1String(" or ")))
         return representativeType(markers.first());
     if (markers.isEmpty())
@@ -96,7 +101,7 @@ QMetaType::Type CommandLine::valueType() const
     QStringList held;
     for (const QString& marker : markers)
         held << QStringLiteral("%1 (%2/)").arg(typesOfMarker(marker), marker);
-    fail(QStringLiteral("--type is required: %1 holds %2").arg(positional().at(0), held.join(QStringLiteral(", "))));
+    fail(QStringLiteral("--type is required: %1 holds %2").arg(dir, held.join(QStringLiteral(", "))));
 }
 
 std::optional<QMetaType::Type> CommandLine::optionalValueType() const

@@ -35,7 +35,10 @@ public:
 
     // Typed values; each throws UsageError naming the option.
     QString required(const QString& name) const;
-    QMetaType::Type valueType() const;   // --type, required
+    // --type, or the one value type the first directory argument (or dir)
+    // holds where no other type shares its directory; throws otherwise.
+    QMetaType::Type valueType() const;
+    QMetaType::Type valueTypeOf(const QString& dir) const;
     std::optional<QMetaType::Type> optionalValueType() const;
     TimeBound bound(const QString& name, TimeBound::Anchor fallback) const;
     long long integer(const QString& name, long long fallback, long long min, long long max) const;

@@ -64,6 +64,7 @@ extern const Command prevCommand;
 extern const Command infoCommand;
 extern const Command lsCommand;
 extern const Command gapsCommand;
+extern const Command tailCommand;
 extern const Command checkCommand;
 extern const Command templatesCommand;
 extern const Command plotCommand;

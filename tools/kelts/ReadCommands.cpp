@@ -9,9 +9,18 @@
 #include "Terminal.h"
 #include "ValueText.h"
 
+#include <QDir>
+#include <QFileInfo>
+#include <QSet>
+
 #include <algorithm>
+#include <climits>
+#include <csignal>
 #include <cstdio>
 #include <map>
+#include <memory>
+#include <optional>
+#include <unistd.h>
 
 namespace kelts {
 
@@ -21,25 +30,66 @@ using Kel::Interpolate;
 using Kel::TSFileStorage;
 using Records = std::vector<Interpolate::DataRecord>;
 
-struct Printer {
-    Printer(QMetaType::Type type, TimeFormat format) : type(type), format(format) {}
+enum class OutputFormat { Csv, Json, Table };
+
+// A table's value column fits the longest shortest double, -1.2345678901234567e-123.
+constexpr qsizetype kTableValueWidth = 24;
+
+OutputFormat outputFormatOf(const CommandLine& cl)
+{
+    const QString text = cl.isSet(QStringLiteral("format")) ? cl.value(QStringLiteral("format")) : QStringLiteral("csv");
+    if (text == u"csv")
+        return OutputFormat::Csv;
+    if (text == u"json")
+        return OutputFormat::Json;
+    if (text != u"table")
+        cl.fail(QStringLiteral("--format takes csv, json or table, not '%1'").arg(text));
+    return OutputFormat::Table;
+}
+
+// Rows of a read as CSV, JSON (one array of objects) or an aligned table:
+// a time and one value per column.
+class Printer {
+public:
+    Printer(QMetaType::Type type, TimeFormat format, OutputFormat output = OutputFormat::Csv,
+            QStringList columns = {QStringLiteral("value")})
+        : type(type), format(format), output(output), columns(std::move(columns))
+    {
+        for (const QString& c : this->columns)
+            widths << std::max<qsizetype>(kTableValueWidth, c.size());
+    }
+    ~Printer()
+    {
+        if (output == OutputFormat::Json)
+            out.row(QStringList{begun ? QStringLiteral("]") : QStringLiteral("[]")});
+    }
 
     CsvWriter out;
     QMetaType::Type type;
     TimeFormat format;
 
-    // Numbers and times are written straight into the row; text and JSON
-    // values take the general way, which quotes them where CSV needs it.
+    void header()
+    {
+        if (output == OutputFormat::Csv)
+            out.row(QStringList{QStringLiteral("timestamp")} + columns);
+        else if (output == OutputFormat::Table)
+            out.row(QStringList{tableRow(QStringLiteral("timestamp"), columns)});
+    }
+
+    // Numbers and times of a CSV row are written straight into it; text and
+    // JSON values take the general way, which quotes them where CSV needs it.
     void record(const Interpolate::DataRecord& r)
     {
-        char row[kTimeTextBytes + 1 + kValueTextBytes];
-        char* p = writeTime(row, r.timestamp, format);
+        if (output != OutputFormat::Csv)
+            return row(r.timestamp, {r.value});
+        char text[kTimeTextBytes + 1 + kValueTextBytes];
+        char* p = writeTime(text, r.timestamp, format);
         if (p) {
             *p++ = ',';
             p = writeValue(p, r.value, type);
         }
         if (p)
-            out.row(row, std::size_t(p - row));
+            out.row(text, std::size_t(p - text));
         else
             out.row({formatTime(r.timestamp, format), csvField(formatValue(r.value, type))});
     }
@@ -48,6 +98,49 @@ struct Printer {
         for (const Interpolate::DataRecord& r : rs)
             record(r);
     }
+
+    // A row of several series; an invalid value is an empty cell.
+    void row(long long ts, const std::vector<QVariant>& values)
+    {
+        QStringList cells;
+        switch (output) {
+        case OutputFormat::Csv:
+            cells << formatTime(ts, format);
+            for (const QVariant& v : values)
+                cells << csvField(formatValue(v, type));
+            out.row(cells);
+            return;
+        case OutputFormat::Table:
+            for (const QVariant& v : values)
+                cells << formatValue(v, type);
+            out.row(QStringList{tableRow(formatTime(ts, format), cells)});
+            return;
+        case OutputFormat::Json: {
+            QString object = QStringLiteral("{\"timestamp\":") +
+                             (format == TimeFormat::Ms ? QString::number(ts) : u'"' + formatTime(ts, format) + u'"');
+            for (qsizetype i = 0; i < columns.size(); ++i)
+                object += u',' + jsonKey(columns[i]) + u':' + jsonValue(values[size_t(i)], type);
+            out.row(QStringList{(begun ? QStringLiteral(",") : QStringLiteral("[")) + object + u'}'});
+            begun = true;
+            return;
+        }
+        }
+    }
+
+private:
+    QString tableRow(const QString& time, const QStringList& cells) const
+    {
+        QString line = time.leftJustified(format == TimeFormat::Ms ? 14 : 29);
+        for (qsizetype i = 0; i < cells.size(); ++i)
+            line += QStringLiteral("  ") + cells[i].rightJustified(widths[i]);
+        return line;
+    }
+    static QString jsonKey(const QString& name) { return jsonValue(QVariant(name), QMetaType::QString); }
+
+    OutputFormat output;
+    QStringList columns;
+    QList<qsizetype> widths;
+    bool begun = false;
 };
 
 [[noreturn]] void readFailed()
@@ -88,19 +181,97 @@ void printOverwritten(Printer& printer, const std::unordered_map<long long, QVar
     }
 }
 
+// Several series on one time grid: each read with the same request, the
+// range the widest of theirs, the values merged by time into one row each.
+int readSeveral(const CommandLine& cl, const QStringList& dirs, Printer& printer)
+{
+    std::vector<std::unique_ptr<TSFileStorage>> series;
+    std::vector<ReadRequest> requests;
+    long long from = LLONG_MAX;
+    long long to = LLONG_MIN;
+    for (const QString& dir : dirs) {
+        requireDirectory(dir);
+        const QMetaType::Type type = cl.valueTypeOf(dir);
+        if (type != printer.type)
+            cl.fail(QStringLiteral("%1 holds %2 values and %3 %4: one column type per read")
+                        .arg(dirs.first(), valueTypeName(printer.type), dir, valueTypeName(type)));
+        requests.push_back(requestFromOptions(cl, type, true));
+        series.push_back(makeStorage(dir, type));
+        requireSeries(*series.back(), type);
+        long long seriesFrom = 0;
+        long long seriesTo = 0;
+        if (instantOf(requests.back().from, *series.back(), seriesFrom))
+            from = std::min(from, seriesFrom);
+        if (instantOf(requests.back().to, *series.back(), seriesTo))
+            to = std::max(to, seriesTo);
+    }
+    if (requests.front().param.interval == 0)
+        cl.fail(QStringLiteral("several series are read onto one time grid: give --method and --interval"));
+    if (from > to)
+        throw NothingFound{QStringLiteral("%1: the series have no records in the range").arg(programName())};
+    std::map<long long, std::vector<QVariant>> rows;
+    int status = EXIT_DONE;
+    for (size_t i = 0; i < series.size(); ++i) {
+        const ReadRequest& r = requests[i];
+        Records out;
+        int count = r.limit;
+        if (!series[i]->readDataRecords(r.param, r.chain, from, to, out, r.labelAtStart, count))
+            readFailed();
+        for (const Interpolate::DataRecord& rec : out) {
+            std::vector<QVariant>& cells = rows[rec.timestamp];
+            cells.resize(series.size());
+            cells[i] = rec.value;
+        }
+        status = std::max(status, readOutcome(QStringLiteral("read"), *series[i], dirs[int(i)], from, to, -1, 0));
+    }
+    printer.header();
+    long long printed = 0;
+    for (auto& [ts, cells] : rows) {
+        if (requests.front().limit > 0 && printed++ >= requests.front().limit)
+            break;
+        cells.resize(series.size());
+        printer.row(ts, cells);
+    }
+    return status;
+}
+
+// The column of each series: its directory's name, or its path where two
+// names are alike.
+QStringList columnNames(const QStringList& dirs)
+{
+    QStringList names;
+    for (const QString& dir : dirs)
+        names << QFileInfo(QDir::cleanPath(dir)).fileName();
+    if (QSet<QString>(names.begin(), names.end()).size() != names.size())
+        for (qsizetype i = 0; i < dirs.size(); ++i)
+            names[i] = QDir::cleanPath(dirs[i]);
+    return names;
+}
+
 int read(const QStringList& args)
 {
     CommandLine cl(readCommand);
     cl.option(QStringLiteral("type"), QStringLiteral("T"));
     addRequestOptions(cl, true);
     cl.option(QStringLiteral("time"), QStringLiteral("ms|iso"));
+    cl.option(QStringLiteral("format"), QStringLiteral("csv|json|table"));
     cl.flag(QStringLiteral("with-backfill"));
     cl.flag(QStringLiteral("with-overwritten"));
-    if (!cl.parse(args, 1, 1))
+    if (!cl.parse(args, 1, 64))
         return EXIT_DONE;
-    const QString dir = cl.positional().at(0);
+    const QStringList dirs = cl.positional();
+    const QString dir = dirs.first();
     const QMetaType::Type type = cl.valueType();
-    Printer printer(type, cl.timeFormat());
+    const OutputFormat output = outputFormatOf(cl);
+    const bool withBackfill = cl.isSet(QStringLiteral("with-backfill"));
+    const bool withOverwritten = cl.isSet(QStringLiteral("with-overwritten"));
+    if ((withBackfill || withOverwritten) && (output != OutputFormat::Csv || dirs.size() > 1))
+        cl.fail(QStringLiteral("--with-backfill and --with-overwritten add CSV tables to the read of one series"));
+    if (dirs.size() > 1) {
+        Printer printer(type, cl.timeFormat(), output, columnNames(dirs));
+        return readSeveral(cl, dirs, printer);
+    }
+    Printer printer(type, cl.timeFormat(), output);
     requireDirectory(dir);
     const ReadRequest r = requestFromOptions(cl, type, true);
     auto storage = makeStorage(dir, type);
@@ -108,10 +279,8 @@ int read(const QStringList& args)
     const long long from = resolveBound(r.from, *storage);
     const long long to = resolveBound(r.to, *storage);
     checkRange(cl, r.from, r.to, *storage);
-    const bool withBackfill = cl.isSet(QStringLiteral("with-backfill"));
-    const bool withOverwritten = cl.isSet(QStringLiteral("with-overwritten"));
 
-    printer.out.row({QStringLiteral("timestamp"), QStringLiteral("value")});
+    printer.header();
     if (isPlainRaw(r) && !withBackfill && !withOverwritten) {
         const long long returned = readRawInPieces(*storage, r, from, to, QStringLiteral("read"),
                                                    [&printer](const Records& piece) { printer.records(piece); });
@@ -255,14 +424,126 @@ int prev(const QStringList& args)
     return lookup.print(found, rec, QStringLiteral("no record before %1").arg(isoTime(at)));
 }
 
+volatile std::sig_atomic_t stopFollowing = 0;
+
+void onStopSignal(int)
+{
+    stopFollowing = 1;
+}
+
+// The last n records: a window back from the last record, doubled until it
+// holds n of them (or the whole series), then read once.
+Records lastRecords(TSFileStorage& storage, int n)
+{
+    Interpolate::DataRecord last;
+    Interpolate::DataRecord first;
+    if (!storage.getLastDataRecord(last) || !storage.getFirstDataRecord(first))
+        return {};
+    long long window = kMinuteMs;
+    long long from = last.timestamp - window;
+    while (from > first.timestamp && storage.getCount({}, {}, from, last.timestamp, true, false, false) < n) {
+        window *= 2;
+        from = last.timestamp - window;
+    }
+    Records out;
+    int count = 0;
+    if (!storage.readDataRecords({}, {}, std::max(from, first.timestamp), last.timestamp, out, false, count))
+        throw UsageError{QStringLiteral("%1 tail: the storage could not read the series (see the messages above)")
+                             .arg(programName())};
+    if (out.size() > size_t(n))
+        out.erase(out.begin(), out.end() - n);
+    return out;
+}
+
+int tail(const QStringList& args)
+{
+    CommandLine cl(tailCommand);
+    cl.option(QStringLiteral("type"), QStringLiteral("T"));
+    cl.option(QStringLiteral("n,lines"), QStringLiteral("N"));
+    cl.flag(QStringLiteral("f,follow"));
+    cl.option(QStringLiteral("poll"), QStringLiteral("SECONDS"));
+    cl.option(QStringLiteral("time"), QStringLiteral("ms|iso"));
+    cl.option(QStringLiteral("format"), QStringLiteral("csv|table"));
+    if (!cl.parse(args, 1, 1))
+        return EXIT_DONE;
+    const QString dir = cl.positional().at(0);
+    requireDirectory(dir);
+    const QMetaType::Type type = cl.valueType();
+    const OutputFormat output = outputFormatOf(cl);
+    if (output == OutputFormat::Json)
+        cl.fail(QStringLiteral("tail prints csv or table"));
+    const int n = int(cl.integer(QStringLiteral("lines"), 10, 0, 1000000));
+    const long long pollMs = cl.integer(QStringLiteral("poll"), 1, 1, 3600) * kSecondMs;
+    auto storage = makeStorage(dir, type);
+    requireSeries(*storage, type);
+
+    Printer printer(type, cl.timeFormat(), output);
+    printer.header();
+    const Records recent = lastRecords(*storage, n);
+    printer.records(recent);
+    printer.out.flush();
+    if (!cl.isSet(QStringLiteral("follow")))
+        return EXIT_DONE;
+
+    // Each look reads the series afresh, as the library does on every call:
+    // whatever a writer did in between shows.
+    std::signal(SIGINT, onStopSignal);
+    std::signal(SIGTERM, onStopSignal);
+    Interpolate::DataRecord last;
+    std::optional<long long> after;
+    if (!recent.empty())
+        after = recent.back().timestamp;
+    else if (storage->getLastDataRecord(last))
+        after = last.timestamp;
+    while (!stopFollowing) {
+        for (long long slept = 0; slept < pollMs && !stopFollowing; slept += 100)
+            ::usleep(100 * 1000);
+        if (stopFollowing)
+            break;
+        Records fresh;
+        int count = 0;
+        const long long from = after ? *after + 1 : TSFileStorage::TS_FIRST_RECORD;
+        if (storage->getLastDataRecord(last) && (!after || last.timestamp > *after) &&
+            storage->readDataRecords({}, {}, from, last.timestamp, fresh, false, count)) {
+            printer.records(fresh);
+            printer.out.flush();
+            if (!fresh.empty())
+                after = fresh.back().timestamp;
+        }
+    }
+    return EXIT_DONE;
+}
+
 } // namespace
+
+const Command tailCommand = {
+    "tail", "print the last records, and with -f the new ones as they come",
+    R"(Usage: kelts tail DIR [--type T] [-n N] [-f] [--poll SECONDS]
+
+Prints the last N records (default 10) as CSV "timestamp,value"; with -f it
+then looks for newer ones every --poll seconds (default 1) and prints them
+as they come, until Ctrl-C (SIGINT) or SIGTERM. Records written into the
+past (before the last one printed) are not shown.
+
+  -n, --lines N        how many of the last records (default 10)
+  -f, --follow         keep printing new records
+  --poll SECONDS       how often to look (default 1)
+  --format csv|table   how rows print (default csv)
+  --time ms|iso        how times print (default iso)
+
+Example:
+  kelts tail /data/ts/boiler1 -f
+)",
+    tail};
 
 const Command readCommand = {
     "read", "print records raw or condensed into intervals, as CSV",
-    R"(Usage: kelts read DIR --type T [options]
+    R"(Usage: kelts read DIR [DIR...] [--type T] [options]
 
 Prints the records of a time range as CSV "timestamp,value", raw or
-condensed into one value per interval.
+condensed into one value per interval. Several series (with --method and
+--interval) print on one time grid, one column each, named by directory.
+--type may be left out where DIR holds a double or float series only.
 
 Range:
   --from TS, --to TS   ms since 1970, ISO 8601 UTC (2024-05-07T09:03:00Z,
@@ -284,6 +565,11 @@ Condensing:
   --limit N            at most N values
 Output:
   --time ms|iso        how timestamps print (default iso)
+  --format csv|json|table
+                       CSV (default), one JSON array of objects
+                       {"timestamp": ..., "value": ...} (NaN as null), or
+                       an aligned table
+  --tz ZONE            print and read times in ZONE (Europe/Berlin)
   --with-backfill      after the records, the records that were back-filled
                        (written at or before the series' end) in the range
   --with-overwritten   after the records, the values that writes in the range

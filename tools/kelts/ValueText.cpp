@@ -1,6 +1,7 @@
 // Parsing and printing of values by series type.
 
 #include "ValueText.h"
+#include <cmath>
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -242,6 +243,20 @@ char* writeValue(char* p, const QVariant& value, QMetaType::Type seriesType)
     case QMetaType::ULongLong: return std::to_chars(p, end, value.toULongLong()).ptr;
     default: return nullptr;
     }
+}
+
+QString jsonValue(const QVariant& value, QMetaType::Type seriesType)
+{
+    if (!value.isValid() || value.isNull())
+        return QStringLiteral("null");
+    if ((value.typeId() == QMetaType::Double || value.typeId() == QMetaType::Float) && !std::isfinite(value.toDouble()))
+        return QStringLiteral("null");
+    const QString text = formatValue(value, seriesType);
+    if (seriesType != QMetaType::QString)
+        return text.isEmpty() ? QStringLiteral("null") : text;
+    // QJsonDocument escapes a string only inside an array.
+    const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(array.mid(1, array.size() - 2));
 }
 
 } // namespace kelts

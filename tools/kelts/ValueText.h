@@ -41,6 +41,10 @@ QString formatValue(const QVariant& value, QMetaType::Type seriesType);
 // end of the text, or null for a value that only formatValue writes (text,
 // JSON).
 constexpr int kValueTextBytes = 32;
+// The value as a JSON value: numbers and bools as they are, text as a JSON
+// string, variants as the JSON they hold; null for no value and for NaN
+// and infinities, which JSON cannot write.
+QString jsonValue(const QVariant& value, QMetaType::Type seriesType);
 char* writeValue(char* p, const QVariant& value, QMetaType::Type seriesType);
 
 } // namespace kelts

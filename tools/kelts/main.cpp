@@ -99,7 +99,7 @@ int withOutputChecked(int status)
 const std::vector<Command>& commands()
 {
     static const std::vector<Command> all = {
-        writeCommand, readCommand, countCommand, firstCommand,     lastCommand,
+        writeCommand, readCommand, tailCommand, countCommand, firstCommand,     lastCommand,
         findCommand,  prevCommand, deleteCommand, lsCommand, infoCommand,     checkCommand,
         gapsCommand, plotCommand,  templatesCommand, demoCommand,
     };
