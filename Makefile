@@ -13,6 +13,8 @@ CMAKE_ARGS ?=
 BASE_PACKAGES  = cmake make g++ pkg-config qt6-base-dev libpoco-dev libgtest-dev libgmock-dev
 BENCH_PACKAGES = libbenchmark-dev libsqlite3-dev sqlite3
 FUZZ_PACKAGES  = clang libclang-rt-14-dev
+# The chart tests open each chart in headless Chromium and keep its screenshot.
+TEST_PACKAGES  = chromium
 
 .PHONY: all deps build test test-sanitize test-tsan demo bench fuzz install clean
 
@@ -26,6 +28,7 @@ build: deps
 	cmake --build $(BUILD) -j $(JOBS)
 
 test: build
+	@scripts/install-deps $(TEST_PACKAGES)
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 
 # The same tests built with AddressSanitizer and UndefinedBehaviorSanitizer;

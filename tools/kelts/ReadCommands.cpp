@@ -235,19 +235,6 @@ int readSeveral(const CommandLine& cl, const QStringList& dirs, Printer& printer
     return status;
 }
 
-// The column of each series: its directory's name, or its path where two
-// names are alike.
-QStringList columnNames(const QStringList& dirs)
-{
-    QStringList names;
-    for (const QString& dir : dirs)
-        names << QFileInfo(QDir::cleanPath(dir)).fileName();
-    if (QSet<QString>(names.begin(), names.end()).size() != names.size())
-        for (qsizetype i = 0; i < dirs.size(); ++i)
-            names[i] = QDir::cleanPath(dirs[i]);
-    return names;
-}
-
 int read(const QStringList& args)
 {
     CommandLine cl(readCommand);

@@ -252,6 +252,17 @@ void collectSeries(const QString& dir, QStringList& series, QStringList& unreada
 
 } // namespace
 
+QStringList columnNames(const QStringList& dirs)
+{
+    QStringList names;
+    for (const QString& dir : dirs)
+        names << QFileInfo(QDir::cleanPath(dir)).fileName();
+    if (QSet<QString>(names.begin(), names.end()).size() != names.size())
+        for (qsizetype i = 0; i < dirs.size(); ++i)
+            names[i] = QDir::cleanPath(dirs[i]);
+    return names;
+}
+
 QStringList seriesUnder(const QString& root, QStringList& unreadable)
 {
     QStringList series;

@@ -39,6 +39,10 @@ QString unlistable(const QString& dir);
 // cannot be listed are added to `unreadable` with the reason.
 QStringList seriesUnder(const QString& root, QStringList& unreadable);
 
+// The name of each series in a table or chart: its directory's name, or its
+// path where two names are alike.
+QStringList columnNames(const QStringList& dirs);
+
 // The value directories under DIR ("D", "I", ...), sorted; companions
 // ("DP", "DO") are not among them.
 QStringList markersIn(const QString& dir);

@@ -5,6 +5,7 @@
 #include "TimeText.h"
 
 #include <QDateTime>
+#include <QStringList>
 #include <QXmlStreamWriter>
 
 #include <algorithm>
@@ -42,10 +43,21 @@ QString num(double x)
     return QString::number(x, 'f', 1);
 }
 
-QDateTime utc(long long ms)
+QDateTime wallTime(long long ms, const QTimeZone& zone)
 {
-    return QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC);
+    return QDateTime::fromMSecsSinceEpoch(ms, zone);
 }
+
+// Width of a label in pixels at the chart's 12 px font, estimated: no font
+// is at hand when the file is written.
+double textWidth(const QString& text)
+{
+    return 7.0 * double(text.size());
+}
+
+// A line breaks where its points lie further apart than this many of its
+// usual steps.
+constexpr long long kGapSteps = 5;
 
 // Where the plot area lies and how times and values map into it.
 struct Frame {
@@ -72,8 +84,11 @@ bool extentOf(const Chart& chart, long long& t0, long long& t1, double& v0, doub
         v1 = std::max(v1, v);
     };
     for (const ChartLine& line : chart.lines)
-        for (const auto& [t, v] : line.points)
+        for (const auto& [t, v] : line.points) {
             take(t, v);
+            if (line.style == ChartLine::Style::Bars && std::isfinite(v))
+                take(line.barsStartAtPoint ? t + line.barMs : t - line.barMs, 0.0);
+        }
     for (const ChartBand& band : chart.bands)
         for (const BandPoint& p : band.points) {
             take(p.t, p.low);
@@ -133,14 +148,23 @@ long long ceilToStep(long long t, long long step, long long anchor)
     return anchor + k * step;
 }
 
-std::vector<TimeTick> fixedTimeTicks(long long t0, long long t1, long long step)
+// Ticks on round wall-clock times of the zone: counted on the clock's face
+// as if it were UTC, then placed where the zone's clock shows them (a time
+// the clocks skip gets no tick).
+std::vector<TimeTick> fixedTimeTicks(long long t0, long long t1, long long step, const QTimeZone& zone)
 {
     const QString timeFormat = step < kMinuteMs ? QStringLiteral("HH:mm:ss") : QStringLiteral("HH:mm");
     const long long anchor = step == 7 * kDayMs ? kFirstMondayMs : 0;
     std::vector<TimeTick> ticks;
     QDate lastDate;
-    for (long long t = ceilToStep(t0, step, anchor); t <= t1; t += step) {
-        const QDateTime d = utc(t);
+    const long long offset0 = zone.offsetFromUtc(wallTime(t0, zone)) * kSecondMs;
+    const long long lastWall = t1 + offset0 + 2 * kDayMs;
+    for (long long wall = ceilToStep(t0 + offset0 - kDayMs, step, anchor); wall <= lastWall; wall += step) {
+        const QDateTime face = QDateTime::fromMSecsSinceEpoch(wall, Qt::UTC);
+        const long long t = QDateTime(face.date(), face.time(), zone).toMSecsSinceEpoch();
+        if (t < t0 || t > t1 || wallTime(t, zone).time() != face.time())
+            continue;
+        const QDateTime d = face;
         TimeTick tick{t, QString(), QString()};
         if (step >= kDayMs) {
             tick.label = d.toString(QStringLiteral("ddd MM-dd"));
@@ -155,21 +179,22 @@ std::vector<TimeTick> fixedTimeTicks(long long t0, long long t1, long long step)
     return ticks;
 }
 
-std::vector<TimeTick> calendarTimeTicks(long long t0, long long t1, int months)
+std::vector<TimeTick> calendarTimeTicks(long long t0, long long t1, int months, const QTimeZone& zone)
 {
-    const QDate first = utc(t0).date();
+    const QDate first = wallTime(t0, zone).date();
     QDate d(first.year(), 1, 1);
-    while (QDateTime(d, QTime(0, 0), Qt::UTC).toMSecsSinceEpoch() < t0)
+    while (QDateTime(d, QTime(0, 0), zone).toMSecsSinceEpoch() < t0)
         d = d.addMonths(months);
     std::vector<TimeTick> ticks;
-    for (long long t = QDateTime(d, QTime(0, 0), Qt::UTC).toMSecsSinceEpoch(); t <= t1;
-         d = d.addMonths(months), t = QDateTime(d, QTime(0, 0), Qt::UTC).toMSecsSinceEpoch())
+    for (long long t = QDateTime(d, QTime(0, 0), zone).toMSecsSinceEpoch(); t <= t1;
+         d = d.addMonths(months), t = QDateTime(d, QTime(0, 0), zone).toMSecsSinceEpoch())
         ticks.push_back({t, d.toString(months >= 12 ? QStringLiteral("yyyy") : QStringLiteral("yyyy-MM")), QString()});
     return ticks;
 }
 
-// Ticks on round UTC times: seconds up to weeks, then months and years.
-std::vector<TimeTick> timeTicks(long long t0, long long t1)
+// Ticks on round times of the zone: seconds up to weeks, then months and
+// years.
+std::vector<TimeTick> timeTicks(long long t0, long long t1, const QTimeZone& zone)
 {
     static const long long fixedSteps[] = {
         kSecondMs,      2 * kSecondMs,  5 * kSecondMs,  10 * kSecondMs, 15 * kSecondMs, 30 * kSecondMs,
@@ -180,11 +205,11 @@ std::vector<TimeTick> timeTicks(long long t0, long long t1)
     const long long span = t1 - t0;
     for (const long long step : fixedSteps)
         if (span / step <= kMostTimeTicks)
-            return fixedTimeTicks(t0, t1, step);
+            return fixedTimeTicks(t0, t1, step, zone);
     for (const int months : {1, 2, 3, 6, 12, 24, 60, 120, 240, 600, 1200})
         if (span / (months * 30 * kDayMs) <= kMostTimeTicks)
-            return calendarTimeTicks(t0, t1, months);
-    return calendarTimeTicks(t0, t1, 2400);
+            return calendarTimeTicks(t0, t1, months, zone);
+    return calendarTimeTicks(t0, t1, 2400, zone);
 }
 
 // Thinning to the pixel columns: of each column's points the first, the
@@ -232,8 +257,41 @@ private:
     QString text;
 };
 
+// The usual step between a line's points: the median.
+long long usualStep(const ChartLine& line)
+{
+    std::vector<long long> steps;
+    for (std::size_t i = 1; i < line.points.size(); ++i)
+        if (line.points[i].first > line.points[i - 1].first)
+            steps.push_back(line.points[i].first - line.points[i - 1].first);
+    if (steps.empty())
+        return 0;
+    std::nth_element(steps.begin(), steps.begin() + long(steps.size() / 2), steps.end());
+    return steps[steps.size() / 2];
+}
+
+void drawBars(QXmlStreamWriter& svg, const ChartLine& line, const Frame& frame, const char* colour)
+{
+    const double zero = frame.y(0.0);
+    for (const auto& [t, v] : line.points) {
+        if (!std::isfinite(v))
+            continue;
+        const double x0 = frame.x(line.barsStartAtPoint ? t : t - line.barMs);
+        const double x1 = frame.x(line.barsStartAtPoint ? t + line.barMs : t);
+        const double y = frame.y(v);
+        // A hair of space between bars where they are wide enough to show it.
+        const double gap = x1 - x0 > 4.0 ? 1.0 : 0.0;
+        element(svg, "rect",
+                {{"x", num(x0 + gap / 2)}, {"y", num(std::min(y, zero))}, {"width", num(std::max(0.5, x1 - x0 - gap))},
+                 {"height", num(std::max(0.5, std::fabs(zero - y)))}, {"fill", QLatin1String(colour)},
+                 {"fill-opacity", QStringLiteral("0.8")}});
+    }
+}
+
 void drawLine(QXmlStreamWriter& svg, const ChartLine& line, const Frame& frame, const char* colour)
 {
+    if (line.style == ChartLine::Style::Bars)
+        return drawBars(svg, line, frame, colour);
     auto flush = [&](ColumnThinner& thinner) {
         const QString points = thinner.finish().trimmed();
         if (!points.isEmpty())
@@ -244,13 +302,26 @@ void drawLine(QXmlStreamWriter& svg, const ChartLine& line, const Frame& frame, 
                      {"stroke-linejoin", QStringLiteral("round")},
                      {"points", points}});
     };
+    const long long step = usualStep(line);
+    const long long longestJoined = step > 0 ? kGapSteps * step : std::numeric_limits<long long>::max();
+    const bool steps = line.style == ChartLine::Style::Steps;
     ColumnThinner thinner(frame);
+    bool joined = false;
+    long long lastT = 0;
+    double lastV = 0.0;
     for (const auto& [t, v] : line.points) {
-        if (std::isfinite(v)) {
-            thinner.add(t, v);
-            continue;
+        if (!std::isfinite(v) || (joined && t - lastT > longestJoined)) {
+            flush(thinner);
+            joined = false;
+            if (!std::isfinite(v))
+                continue;
         }
-        flush(thinner);
+        if (steps && joined)
+            thinner.add(t, lastV);   // held until this point, then the step
+        thinner.add(t, v);
+        joined = true;
+        lastT = t;
+        lastV = v;
     }
     flush(thinner);
 }
@@ -296,60 +367,134 @@ void drawBand(QXmlStreamWriter& svg, const ChartBand& band, const Frame& frame, 
     flush();
 }
 
-void drawAxes(QXmlStreamWriter& svg, const Frame& f, const std::vector<double>& vTicks, const std::vector<TimeTick>& tTicks)
+QStringList valueLabels(const std::vector<double>& vTicks)
 {
-    const double bottom = f.top + f.height;
     const int decimals = vTicks.size() > 1 ? decimalsFor(vTicks[1] - vTicks[0]) : 0;
-    for (const double v : vTicks) {
-        const double y = f.y(v);
+    QStringList labels;
+    for (const double v : vTicks)
+        labels << QString::number(v, 'f', decimals);
+    return labels;
+}
+
+// A label centred under x, moved inside the chart where it would be cut off.
+void timeLabel(QXmlStreamWriter& svg, double x, double y, double chartWidth, const QString& text, const char* fill)
+{
+    const double half = textWidth(text) / 2;
+    QString anchor = QStringLiteral("middle");
+    if (x + half > chartWidth - 4) {
+        anchor = QStringLiteral("end");
+        x = chartWidth - 4;
+    } else if (x - half < 4) {
+        anchor = QStringLiteral("start");
+        x = 4;
+    }
+    element(svg, "text", {{"x", num(x)}, {"y", num(y)}, {"text-anchor", anchor}, {"fill", QLatin1String(fill)}}, text);
+}
+
+struct Layout {
+    Frame frame;
+    double chartWidth;
+    std::vector<std::pair<double, double>> legendAt;   // where each legend entry starts (bands, then lines)
+};
+
+void drawAxes(QXmlStreamWriter& svg, const Chart& chart, const Layout& layout, const std::vector<double>& vTicks,
+              const std::vector<TimeTick>& tTicks)
+{
+    const Frame& f = layout.frame;
+    const double bottom = f.top + f.height;
+    const QStringList labels = valueLabels(vTicks);
+    for (std::size_t i = 0; i < vTicks.size(); ++i) {
+        const double y = f.y(vTicks[i]);
         element(svg, "line",
                 {{"x1", num(f.left)}, {"y1", num(y)}, {"x2", num(f.left + f.width)}, {"y2", num(y)},
                  {"stroke", QStringLiteral("#e3e3e3")}});
         element(svg, "text", {{"x", num(f.left - 6)}, {"y", num(y + 4)}, {"text-anchor", QStringLiteral("end")}},
-                QString::number(v, 'f', decimals));
+                labels[qsizetype(i)]);
+    }
+    if (!chart.unit.isEmpty()) {
+        const double middle = f.top + f.height / 2;
+        element(svg, "text",
+                {{"x", QStringLiteral("16")}, {"y", num(middle)}, {"text-anchor", QStringLiteral("middle")},
+                 {"fill", QStringLiteral("#555")}, {"transform", QStringLiteral("rotate(-90 16 %1)").arg(num(middle))}},
+                chart.unit);
     }
     for (const TimeTick& tick : tTicks) {
         const double x = f.x(tick.t);
         element(svg, "line",
                 {{"x1", num(x)}, {"y1", num(f.top)}, {"x2", num(x)}, {"y2", num(bottom)},
                  {"stroke", QStringLiteral("#e3e3e3")}});
-        element(svg, "text", {{"x", num(x)}, {"y", num(bottom + 16)}, {"text-anchor", QStringLiteral("middle")}},
-                tick.label);
+        timeLabel(svg, x, bottom + 16, layout.chartWidth, tick.label, "#000");
         if (!tick.dateLabel.isEmpty())
-            element(svg, "text",
-                    {{"x", num(x)}, {"y", num(bottom + 30)}, {"text-anchor", QStringLiteral("middle")},
-                     {"fill", QStringLiteral("#555")}},
-                    tick.dateLabel);
+            timeLabel(svg, x, bottom + 30, layout.chartWidth, tick.dateLabel, "#555");
     }
     element(svg, "rect",
             {{"x", num(f.left)}, {"y", num(f.top)}, {"width", num(f.width)}, {"height", num(f.height)},
              {"fill", QStringLiteral("none")}, {"stroke", QStringLiteral("#888")}});
+    const QString zoneName = chart.zone == QTimeZone::utc() ? QStringLiteral("UTC") : QString::fromUtf8(chart.zone.id());
     element(svg, "text",
             {{"x", num(f.left + f.width)}, {"y", num(bottom + 44)}, {"text-anchor", QStringLiteral("end")},
              {"fill", QStringLiteral("#555")}},
-            QStringLiteral("time (UTC)"));
+            QStringLiteral("time (%1)").arg(zoneName));
 }
 
-void drawLegend(QXmlStreamWriter& svg, const Chart& chart, const Frame& f)
+// Legend entries: a swatch and a label each, in rows that fit the chart.
+std::vector<QString> legendLabels(const Chart& chart)
 {
-    double x = f.left;
-    const double y = f.top - 12;
-    auto label = [&](const QString& text) {
-        element(svg, "text", {{"x", num(x + 22)}, {"y", num(y + 4)}}, text);
-        x += 40 + 7 * double(text.size());
-    };
-    for (std::size_t i = 0; i < chart.bands.size(); ++i) {
-        element(svg, "rect",
-                {{"x", num(x)}, {"y", num(y - 5)}, {"width", QStringLiteral("16")}, {"height", QStringLiteral("10")},
-                 {"fill", QLatin1String(kBandColours[i % 4])}, {"fill-opacity", QStringLiteral("0.45")}});
-        label(chart.bands[i].label);
+    std::vector<QString> labels;
+    for (const ChartBand& band : chart.bands)
+        labels.push_back(band.label);
+    for (const ChartLine& line : chart.lines)
+        labels.push_back(line.label);
+    return labels;
+}
+
+std::vector<std::pair<double, double>> legendPositions(const Chart& chart, double left, double firstRowY)
+{
+    std::vector<std::pair<double, double>> at;
+    double x = left;
+    double y = firstRowY;
+    for (const QString& label : legendLabels(chart)) {
+        const double width = 22 + textWidth(label) + 18;
+        if (x > left && x + width > chart.width - 8) {
+            x = left;
+            y += 16;
+        }
+        at.push_back({x, y});
+        x += width;
     }
-    for (std::size_t i = 0; i < chart.lines.size(); ++i) {
-        element(svg, "line",
-                {{"x1", num(x)}, {"y1", num(y)}, {"x2", num(x + 16)}, {"y2", num(y)},
-                 {"stroke", QLatin1String(kLineColours[i % 4])}, {"stroke-width", QStringLiteral("2")}});
-        label(chart.lines[i].label);
+    return at;
+}
+
+void drawLegend(QXmlStreamWriter& svg, const Chart& chart, const Layout& layout)
+{
+    const std::vector<QString> labels = legendLabels(chart);
+    for (std::size_t i = 0; i < labels.size(); ++i) {
+        const auto [x, y] = layout.legendAt[i];
+        if (i < chart.bands.size()) {
+            element(svg, "rect",
+                    {{"x", num(x)}, {"y", num(y - 5)}, {"width", QStringLiteral("16")}, {"height", QStringLiteral("10")},
+                     {"fill", QLatin1String(kBandColours[i % 4])}, {"fill-opacity", QStringLiteral("0.45")}});
+        } else {
+            const std::size_t line = i - chart.bands.size();
+            const char* colour = kLineColours[line % 4];
+            if (chart.lines[line].style == ChartLine::Style::Bars)
+                element(svg, "rect",
+                        {{"x", num(x)}, {"y", num(y - 5)}, {"width", QStringLiteral("16")}, {"height", QStringLiteral("10")},
+                         {"fill", QLatin1String(colour)}, {"fill-opacity", QStringLiteral("0.8")}});
+            else
+                element(svg, "line",
+                        {{"x1", num(x)}, {"y1", num(y)}, {"x2", num(x + 16)}, {"y2", num(y)},
+                         {"stroke", QLatin1String(colour)}, {"stroke-width", QStringLiteral("2")}});
+        }
+        element(svg, "text", {{"x", num(x + 22)}, {"y", num(y + 4)}}, labels[i]);
     }
+}
+
+// A title longer than the chart is wide ends in an ellipsis.
+QString fitted(const QString& text, double width, double charWidth)
+{
+    const qsizetype room = qsizetype(width / charWidth);
+    return text.size() <= room ? text : text.left(std::max<qsizetype>(1, room - 1)) + QChar(0x2026);
 }
 
 } // namespace
@@ -365,8 +510,21 @@ bool renderSvg(const Chart& chart, QString& svg)
         t1 += 30 * kSecondMs;
     }
     const std::vector<double> vTicks = valueTicks(v0, v1);
-    const std::vector<TimeTick> tTicks = timeTicks(t0, t1);
-    const Frame frame{72.0, 70.0, chart.width - 72.0 - 24.0, chart.height - 70.0 - 56.0, t0, t1, v0, v1};
+    const std::vector<TimeTick> tTicks = timeTicks(t0, t1, chart.zone);
+    // The left margin holds the widest value label and the unit, written
+    // upwards beside them; the top, the title, the subtitle and as many
+    // legend rows as the labels need.
+    double left = 0.0;
+    for (const QString& label : valueLabels(vTicks))
+        left = std::max(left, 16.0 + textWidth(label));
+    left = std::max(72.0, left + (chart.unit.isEmpty() ? 0.0 : 24.0));
+    Layout layout{{left, 0.0, 0.0, 0.0, t0, t1, v0, v1}, double(chart.width), {}};
+    layout.legendAt = legendPositions(chart, left, 58.0);
+    const double legendBottom = layout.legendAt.empty() ? 58.0 : layout.legendAt.back().second;
+    layout.frame.top = legendBottom + 12.0;
+    layout.frame.width = chart.width - left - 24.0;
+    layout.frame.height = chart.height - layout.frame.top - 56.0;
+    const Frame& frame = layout.frame;
 
     svg.clear();
     QXmlStreamWriter w(&svg);
@@ -386,17 +544,17 @@ bool renderSvg(const Chart& chart, QString& svg)
     element(w, "rect", {{"width", QStringLiteral("100%")}, {"height", QStringLiteral("100%")},
                         {"fill", QStringLiteral("white")}});
     element(w, "text",
-            {{"x", num(frame.left)}, {"y", QStringLiteral("22")}, {"font-size", QStringLiteral("16")},
+            {{"x", QStringLiteral("8")}, {"y", QStringLiteral("22")}, {"font-size", QStringLiteral("16")},
              {"font-weight", QStringLiteral("bold")}},
-            chart.title);
-    element(w, "text", {{"x", num(frame.left)}, {"y", QStringLiteral("40")}, {"fill", QStringLiteral("#555")}},
-            chart.subtitle);
-    drawAxes(w, frame, vTicks, tTicks);
+            fitted(chart.title, chart.width - 16.0, 9.5));
+    element(w, "text", {{"x", QStringLiteral("8")}, {"y", QStringLiteral("40")}, {"fill", QStringLiteral("#555")}},
+            fitted(chart.subtitle, chart.width - 16.0, 7.0));
+    drawAxes(w, chart, layout, vTicks, tTicks);
     for (std::size_t i = 0; i < chart.bands.size(); ++i)
         drawBand(w, chart.bands[i], frame, kBandColours[i % 4], kLineColours[i % 4]);
     for (std::size_t i = 0; i < chart.lines.size(); ++i)
         drawLine(w, chart.lines[i], frame, kLineColours[i % 4]);
-    drawLegend(w, chart, frame);
+    drawLegend(w, chart, layout);
     w.writeEndDocument();
     svg += u'\n';
     return true;

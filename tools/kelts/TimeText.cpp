@@ -184,6 +184,11 @@ void setTimeZone(std::optional<QTimeZone> zone)
     chosenZone() = std::move(zone);
 }
 
+QTimeZone timeZone()
+{
+    return chosenZone().value_or(QTimeZone::utc());
+}
+
 bool parseTimeZone(QStringView text, QTimeZone& zone, QString& why)
 {
     zone = QTimeZone(text.toUtf8());

@@ -24,6 +24,8 @@ constexpr long long kLatestMs = 253402300799999LL;     // 9999-12-31T23:59:59.99
 // is read in it (daylight saving included). Without one (nullopt), both
 // are UTC.
 void setTimeZone(std::optional<QTimeZone> zone);
+// The zone set, or UTC.
+QTimeZone timeZone();
 // An IANA name ("Europe/Berlin") or "UTC".
 bool parseTimeZone(QStringView text, QTimeZone& zone, QString& why);
 
