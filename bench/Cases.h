@@ -41,6 +41,7 @@ void runChangeCases(Context& c);  // inserts, overwrites, back-fill, delete besi
 void runStringCases(Context& c);  // a QString series
 void runToolCases(Context& c);    // kelts write and read beside the sqlite3 shell
 void runManySeriesCases(Context& c);  // one append to each of 500 series beside SQLite
+void runServeCases(Context& c);   // kelts serve under 50 clients
 
 std::unique_ptr<Kel::TSFileStorage> openSeries(const std::string& dir,
                                                QMetaType::Type type = QMetaType::Double,

@@ -7,7 +7,7 @@
 //   kelts_bench [--records N] [--runs N] [--dir PARENT] [--keep] [--stages a,b,...]
 //
 // --stages runs only the named stages (limits, appends, many, reads,
-// methods, lookups, peak, changes, strings, tool); the appends stage, which
+// methods, lookups, peak, changes, strings, tool, serve); the appends stage, which
 // leaves the series and SQLite's table that most others use, always runs.
 
 #include "Cases.h"
@@ -162,6 +162,7 @@ int runAll(const Options& o)
     stage(o, "changes", runChangeCases, c);
     stage(o, "strings", runStringCases, c);
     stage(o, "tool", runToolCases, c);
+    stage(o, "serve", runServeCases, c);
 
     std::printf("kelts_bench: %lld records of a Double series (%lld days), one a second from 2024-01-01\n",
                 o.records, work.days());

@@ -2,6 +2,7 @@
 // CSV as operators type them, and the SVG chart as a browser gets it.
 
 #include "Csv.h"
+#include "GraphiteQuery.h"
 #include "SvgChart.h"
 #include "TimeText.h"
 #include "ValueText.h"
@@ -427,6 +428,74 @@ TEST(KeltsSvgChart, GapsBreakLinesBandsShadeAndTextIsEscaped)
     empty.lines.push_back({QStringLiteral("nothing"), {{0, std::nan("")}}});
     QString svgText;
     EXPECT_FALSE(renderSvg(empty, svgText));
+}
+
+} // namespace
+
+namespace {
+
+using namespace kelts;
+
+TEST(KeltsGraphiteQuery, TimesAndIntervalsInGraphitesForms)
+{
+    const long long now = 1714564800000;   // 2024-05-01T12:00:00Z
+    const std::pair<const char*, long long> times[] = {
+        {"now", now},           {"-6h", now - 6 * 3600000LL}, {"now-15min", now - 900000}, {"-1d", now - 86400000},
+        {"+30s", now + 30000},  {"1714521600", 1714521600000}, {"12:30_20240501", 1714566600000}, {"20240501", 1714521600000},
+        {"-2w", now - 14 * 86400000LL}, {"-1mon", now - 30 * 86400000LL},
+    };
+    for (const auto& [text, ms] : times) {
+        long long got = 0;
+        QString why;
+        EXPECT_TRUE(parseGraphiteTime(QString::fromLatin1(text), now, got, why)) << text << qPrintable(why);
+        EXPECT_EQ(got, ms) << text;
+    }
+    long long got = 0;
+    QString why;
+    EXPECT_FALSE(parseGraphiteTime(u"yesterday", now, got, why));
+    EXPECT_FALSE(parseGraphiteTime(u"-6x", now, got, why));
+    EXPECT_FALSE(parseGraphiteTime(u"25:00_20240501", now, got, why));
+    EXPECT_FALSE(parseGraphiteTime(u"171452161452160000", now, got, why));   // found by the fuzzer: an overflow
+    EXPECT_FALSE(parseGraphiteTime(u"-999999999y", now, got, why));
+
+    const std::pair<const char*, long long> intervals[] = {{"1h", 3600}, {"15min", 900}, {"1d", -1}, {"2d", 172800},
+                                                           {"1w", -2},   {"1mon", -3},   {"1y", -6}};
+    for (const auto& [text, interval] : intervals) {
+        long long value = 0;
+        EXPECT_TRUE(parseGraphiteInterval(QString::fromLatin1(text), true, value, why)) << text;
+        EXPECT_EQ(value, interval) << text;
+    }
+    long long value = 0;
+    EXPECT_FALSE(parseGraphiteInterval(u"2mon", true, value, why));
+    EXPECT_FALSE(parseGraphiteInterval(u"0h", true, value, why));
+}
+
+TEST(KeltsGraphiteQuery, TargetsParseIntoCallsAndGlobsMatchSegmentBySegment)
+{
+    Target t;
+    QString why;
+    ASSERT_TRUE(parseTarget(u"alias(summarize(plant.{a,b}.t*, '1h', \"avg\"), 'x y')", t, why)) << qPrintable(why);
+    EXPECT_EQ(t.kind, Target::Kind::Call);
+    EXPECT_EQ(t.text, "alias");
+    ASSERT_EQ(t.args.size(), 2u);
+    EXPECT_EQ(t.args[0].text, "summarize");
+    EXPECT_EQ(t.args[0].args[0].kind, Target::Kind::Path);
+    EXPECT_EQ(t.args[0].args[0].text, "plant.{a,b}.t*");
+    EXPECT_EQ(t.args[0].args[2].text, "avg");
+    EXPECT_EQ(t.args[1].text, "x y");
+    ASSERT_TRUE(parseTarget(u"constantLine(-1.5e2)", t, why));
+    EXPECT_EQ(t.args[0].number, -150.0);
+    for (const char* bad : {"alias(a", "alias(a,)", "'open", "f(a))", ""})
+        EXPECT_FALSE(parseTarget(QString::fromLatin1(bad), t, why)) << bad;
+    EXPECT_FALSE(parseTarget(QString(41, u'(') + u'a', t, why));   // nested too deep
+
+    EXPECT_TRUE(globMatches(u"plant.*.temp", u"plant.boiler1.temp"));
+    EXPECT_FALSE(globMatches(u"plant.*", u"plant.boiler1.temp"));   // a star stays in its segment
+    EXPECT_TRUE(globMatches(u"plant.{boiler1,boiler2}.t?mp", u"plant.boiler2.temp"));
+    EXPECT_TRUE(globMatches(u"plant.boiler[0-9]", u"plant.boiler7"));
+    EXPECT_FALSE(globMatches(u"plant.boiler[0-9]", u"plant.boilerX"));
+    EXPECT_TRUE(globMatches(u"a+b.(c)", u"a+b.(c)"));   // other characters are themselves
+    EXPECT_FALSE(globMatches(QString(200, u'*') + u'b', QString(5000, u'a')));   // no runaway
 }
 
 } // namespace

@@ -283,6 +283,9 @@ private:
                 .arg(kelts, dir));
         say(QStringLiteral("   %1 check %2/meter").arg(kelts, dir));
         say(QStringLiteral("   %1 --help").arg(kelts));
+        say();
+        say(QStringLiteral("Trends in a browser (or Grafana's Graphite data source) at http://127.0.0.1:8080/:"));
+        say(QStringLiteral("   %1 serve %2").arg(kelts, dir));
     }
 
     QString dir;
