@@ -278,6 +278,23 @@ TEST_F(KeltsServe, NothingOutsideTheRootIsReachedAndBadRequestsAreRefusedWithout
     EXPECT_EQ(treeState(), before);
 }
 
+TEST_F(KeltsServe, ADamagedSeriesAnswersWithWhatCanBeRead)
+{
+    start();
+    const QString day = dir("plant/boiler1/D/2024");
+    QFile file(day);
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    file.seek(file.size() / 2 / 12 * 12);   // a record in the middle: weeks after the file's period
+    file.write(QByteArray::fromHex("FFFFFFFF"));
+    file.close();
+    const Reply r = get("/api/read?series=boiler1");
+    ASSERT_EQ(r.status, 200) << r.body.constData();
+    const qsizetype records = r.json().object()["records"].toArray().size();
+    EXPECT_GT(records, 0);
+    EXPECT_LT(records, 2880);
+    EXPECT_EQ(get("/render?target=boiler1&from=20240501&until=20240503&format=json").status, 200);
+}
+
 TEST_F(KeltsServe, FiftyClientsAtOnceAllGetTheirAnswers)
 {
     start();
