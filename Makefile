@@ -15,6 +15,8 @@ BENCH_PACKAGES = libbenchmark-dev libsqlite3-dev sqlite3
 FUZZ_PACKAGES  = clang libclang-rt-14-dev
 # The chart tests open each chart in headless Chromium and keep its screenshot.
 TEST_PACKAGES  = chromium
+# The Python module kelts and its tests, for Debian's python3.
+PYTHON_PACKAGES = pybind11-dev python3-pybind11 python3-dev python3-numpy python3-pandas python3-pytest
 
 .PHONY: all deps build test test-sanitize test-tsan demo bench fuzz install clean
 
@@ -24,6 +26,7 @@ deps:
 	@scripts/install-deps $(BASE_PACKAGES)
 
 build: deps
+	@scripts/install-deps $(PYTHON_PACKAGES)
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
 	cmake --build $(BUILD) -j $(JOBS)
 

@@ -42,6 +42,7 @@ void runStringCases(Context& c);  // a QString series
 void runToolCases(Context& c);    // kelts write and read beside the sqlite3 shell
 void runManySeriesCases(Context& c);  // one append to each of 500 series beside SQLite
 void runServeCases(Context& c);   // kelts serve under 50 clients
+void runPythonCases(Context& c);  // the Python module's read into and write from numpy
 
 std::unique_ptr<Kel::TSFileStorage> openSeries(const std::string& dir,
                                                QMetaType::Type type = QMetaType::Double,

@@ -7,7 +7,7 @@
 //   kelts_bench [--records N] [--runs N] [--dir PARENT] [--keep] [--stages a,b,...]
 //
 // --stages runs only the named stages (limits, appends, many, reads,
-// methods, lookups, peak, changes, strings, tool, serve); the appends stage, which
+// methods, lookups, peak, changes, strings, tool, serve, python); the appends stage, which
 // leaves the series and SQLite's table that most others use, always runs.
 
 #include "Cases.h"
@@ -107,6 +107,8 @@ void addTargets(Table& t)
     t.target({"find-prev", "sqlite-prev", 0.5});
     // Ten times the records in the same files cost less than twice the time.
     t.target({"count-raw", "count-sparse", 0.5});
+    t.target({"python-read", "read-used", 0.5});
+    t.target({"python-write", "append-one", 0.5});
 }
 
 // A read holds its output and a bounded buffer, never the series.
@@ -163,6 +165,7 @@ int runAll(const Options& o)
     stage(o, "strings", runStringCases, c);
     stage(o, "tool", runToolCases, c);
     stage(o, "serve", runServeCases, c);
+    stage(o, "python", runPythonCases, c);
 
     std::printf("kelts_bench: %lld records of a Double series (%lld days), one a second from 2024-01-01\n",
                 o.records, work.days());

@@ -1,5 +1,11 @@
 #include "EngineHarness.h"
 #include "StorageFixture.h"
+#include "TSFileColumns.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <cmath>
 
 #include <cstring>
 #include <limits>
@@ -176,6 +182,65 @@ TEST_F(Reading, RawReadsAndLookupsGiveEachTypeItsWidenedValues)
             EXPECT_EQ(r.value, one.value) << name;
         }
     }
+}
+
+// The columns of a raw read hold what the records of the same read hold,
+// for every fixed-length type, over ranges inside and across files, at the
+// storage's anchors, in a Float file read from inside a record, and up to a
+// damaged record.
+TEST_F(Reading, ColumnsHoldTheRecordsOfTheSameRawRead)
+{
+    const auto expectSameAsRecords = [](TSFileStorage& s, long long from, long long to, const char* what) {
+        Records records;
+        int count = 0;
+        ASSERT_TRUE(s.readDataRecords({}, {}, from, to, records, false, count)) << what;
+        Kel::RawColumns columns;
+        ASSERT_TRUE(Kel::readRawColumns(s, from, to, columns)) << what;
+        ASSERT_EQ(columns.timestamps.size(), records.size()) << what;
+        const bool real = s.valueType == QMetaType::Double || s.valueType == QMetaType::Float;
+        ASSERT_EQ((real ? columns.reals.size() : columns.wholes.size()), records.size()) << what;
+        for (size_t i = 0; i < records.size(); ++i) {
+            EXPECT_EQ(columns.timestamps[i], records[i].timestamp) << what << " " << i;
+            if (real && !std::isnan(records[i].value.toDouble())) {
+                EXPECT_EQ(columns.reals[i], records[i].value.toDouble()) << what << " " << i;
+            } else if (!real) {
+                EXPECT_EQ(columns.wholes[i], s.valueType == QMetaType::ULongLong ? (long long)records[i].value.toULongLong()
+                                                                                  : records[i].value.toLongLong())
+                    << what << " " << i;
+            }
+        }
+    };
+    for (const auto& [from, to] : std::vector<std::pair<long long, long long>>{
+             {t0, last}, {t0 + 90000, t0 + 1440 * 60000LL + 30000}, {t0 - 5000, t0}, {last + 1, last + 9},
+             {TSFileStorage::TS_FIRST_RECORD, TSFileStorage::TS_LAST_RECORD}})
+        expectSameAsRecords(*series, from, to, "double");
+
+    for (const QMetaType::Type type : {QMetaType::Bool, QMetaType::Char, QMetaType::UChar, QMetaType::Short,
+                                       QMetaType::UShort, QMetaType::Int, QMetaType::UInt, QMetaType::LongLong,
+                                       QMetaType::ULongLong, QMetaType::Float}) {
+        QTemporaryDir dir;
+        TSFileStorage typed(dir.path(), type, 2000);
+        Records batch;
+        for (int i = 0; i < 600; ++i)
+            batch.push_back({t0 + i * 7919LL, QVariant(qlonglong(i * 977 % 251) - 125)});
+        typed.writeDataRecords(batch, false, false);
+        expectSameAsRecords(typed, t0, t0 + 600 * 7919LL, QMetaType(type).name());
+        expectSameAsRecords(typed, t0 + 100 * 7919LL + 3, t0 + 400 * 7919LL, QMetaType(type).name());
+    }
+
+    // A damaged record ends the columns where it ends the records.
+    const QString day2 = file(QStringLiteral("2024/05/08"));
+    QFile file(day2);
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    file.seek(12 * 100);
+    file.write(QByteArray::fromHex("FFFFFFFF"));
+    file.close();
+    expectSameAsRecords(*series, t0, last, "damaged");
+
+    QTemporaryDir textDir;
+    TSFileStorage text(textDir.path(), QMetaType::QString, 2000);
+    Kel::RawColumns none;
+    EXPECT_FALSE(Kel::readRawColumns(text, t0, last, none));
 }
 
 // Records around an empty hour, read condensed: the reader must feed the

@@ -180,7 +180,9 @@ int readOutcome(const QString& command, TSFileStorage& storage, const QString& d
                 long long returned, long long limit)
 {
     const QString check = QStringLiteral("run '%1 check %2'").arg(programName(), dir);
-    if (returned >= 0) {
+    // A Float series counts its records by their declared length, which is
+    // not the length they take (see docs/storage.md): no comparison holds.
+    if (returned >= 0 && storage.valueType != QMetaType::Float) {
         long long stored = storage.getCount({}, {}, from, to, true, false, false);
         if (limit > 0)
             stored = std::min(stored, limit);

@@ -13,6 +13,7 @@
 #include "MethodKeywords.h"
 #include "RecordFile.h"
 #include "StorageNames.h"
+#include "TSFileColumns.h"
 
 #include <algorithm>
 #include <utility>
@@ -114,7 +115,12 @@ private:
         const qint64 count = file.count();
         const bool pastEnd = !isP && file.info().getPeriodEndTsMs() - 1 > readEnd;
         const qint64 end = pastEnd ? file.upperBound(readEnd) : count;
-        // Raw records go straight from the file into the output.
+        // Raw records go straight from the file into the output, or into
+        // the caller's columns.
+        if (direct && columns && !file.layout().variable) {
+            stopped = file.appendColumnsInRange(from, end - from, readStart, readEnd, *columns) || end < count;
+            return;
+        }
         if (direct) {
             makeRoom(file, end - from);
             stopped = file.appendInRange(from, end - from, readStart, readEnd, out) || end < count;
@@ -183,6 +189,10 @@ private:
         }
     }
 
+public:
+    RawColumns* columns = nullptr;  // where a raw read of fixed-length values goes instead of out
+
+private:
     TSFileStorage& series;
     TSFileStorage& storage;
     Interpolate& engine;
@@ -312,6 +322,56 @@ try
     return true;
 } catch (...) {
     detail::logCaughtException("readDataRecords");
+    return false;
+}
+
+bool readRawColumns(TSFileStorage& series, long long start, long long end, RawColumns& columns)
+try
+{
+    if (detail::isVariableType(series.valueType)) {
+        detail::storageLog(detail::LOG_FAILURE, QStringLiteral("No columns of variable values (readRawColumns)"), __LINE__).endl();
+        return false;
+    }
+    // The bounds as a raw read of readDataRecords takes them.
+    const Interpolate::InterpolateParam raw;
+    Record first{start, QVariant()};
+    Record last{end, QVariant()};
+    if (!isPlainRawRead(raw, {}, start, end, false, QString(), series.valueType) &&
+        (!series.getFirstDataRecord(first) || !series.getLastDataRecord(last)))
+        return true;
+    std::vector<Record> out;
+    int resultCount = 0;
+    Interpolate engine(raw, {}, start, end, first.timestamp, last.timestamp, &out, series.valueType, false, resultCount,
+                       false);
+    long long readStart = 0;
+    long long readEnd = 0;
+    if (!engine.getRange(readStart, readEnd))
+        return true;
+    const long long expected = rawCount(series, readStart, readEnd);
+    columns.timestamps.reserve(columns.timestamps.size() + size_t(std::max(0LL, expected)));
+    (detail::isRealType(series.valueType) ? columns.reals.reserve(columns.reals.size() + size_t(std::max(0LL, expected)))
+                                          : columns.wholes.reserve(columns.wholes.size() + size_t(std::max(0LL, expected))));
+    const size_t before = columns.timestamps.size();
+    RangeWalk walk(series, series, engine, out, false, readStart, readEnd);
+    walk.columns = &columns;
+    walk.run();
+    engine.finalize();
+    // A Float file read from inside a record (see RecordFile) hands its
+    // records to the engine: they come first.
+    if (!out.empty()) {
+        std::vector<long long> times;
+        for (const Record& r : out)
+            times.push_back(r.timestamp);
+        columns.timestamps.insert(columns.timestamps.begin() + long(before), times.begin(), times.end());
+        std::vector<double> values;
+        for (const Record& r : out)
+            values.push_back(r.value.toDouble());
+        const size_t valuesBefore = columns.reals.size() - (columns.timestamps.size() - before - times.size());
+        columns.reals.insert(columns.reals.begin() + long(valuesBefore), values.begin(), values.end());
+    }
+    return true;
+} catch (...) {
+    detail::logCaughtException("readRawColumns");
     return false;
 }
 

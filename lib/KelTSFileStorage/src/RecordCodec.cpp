@@ -156,6 +156,61 @@ __attribute__((noinline)) bool appendFixed(const uchar* p, qint64 n, const Recor
     return false;
 }
 
+namespace {
+
+// A whole-number or bool value field as 64 bits.
+long long decodeWhole(const uchar* p, QMetaType::Type type)
+{
+    switch (type) {
+    case QMetaType::Bool: return p[0] != 0 ? 1 : 0;
+    case QMetaType::Char: return qint8(p[0]);
+    case QMetaType::UChar: return p[0];
+    case QMetaType::Short: return qint16(qFromBigEndian<quint16>(p));
+    case QMetaType::UShort: return qFromBigEndian<quint16>(p);
+    case QMetaType::Int: return qint32(qFromBigEndian<quint32>(p));
+    case QMetaType::UInt: return qFromBigEndian<quint32>(p);
+    default: return qint64(qFromBigEndian<quint64>(p));
+    }
+}
+
+template <int Width, typename Take>
+bool columnLoop(const uchar* p, qint64 n, int stride, long long base, long long lo, long long hi,
+                std::vector<long long>& times, Take take)
+{
+    for (qint64 i = 0; i < n; ++i, p += stride) {
+        const long long ts = decodeTimestamp(p, Width, base);
+        if (ts > hi)
+            return true;
+        if (ts < lo)
+            continue;
+        times.push_back(ts);
+        take(p + Width);
+    }
+    return false;
+}
+
+} // namespace
+
+bool appendFixedColumns(const uchar* p, qint64 n, const RecordLayout& l, long long base, long long lo, long long hi,
+                        RawColumns& out)
+{
+    const QMetaType::Type type = l.type;
+    bool above = false;
+    withOffsetWidth(l.offsetWidth, [&](auto width) {
+        constexpr int w = decltype(width)::value;
+        if (type == QMetaType::Double)
+            above = columnLoop<w>(p, n, l.stride, base, lo, hi, out.timestamps,
+                                  [&out](const uchar* f) { out.reals.push_back(decodeDouble(f)); });
+        else if (type == QMetaType::Float)
+            above = columnLoop<w>(p, n, l.stride, base, lo, hi, out.timestamps,
+                                  [&out](const uchar* f) { out.reals.push_back(double(narrowToFloat(decodeDouble(f)))); });
+        else
+            above = columnLoop<w>(p, n, l.stride, base, lo, hi, out.timestamps,
+                                  [&out, type](const uchar* f) { out.wholes.push_back(decodeWhole(f, type)); });
+    });
+    return above;
+}
+
 void encodeFixed(const Interpolate::DataRecord* records, qint64 n, const RecordLayout& layout,
                  long long base, uchar* out)
 {

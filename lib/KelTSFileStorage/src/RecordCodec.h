@@ -8,6 +8,7 @@
 #pragma once
 
 #include "Interpolate.h"
+#include "TSFileColumns.h"
 
 #include <QDataStream>
 #include <QFile>
@@ -27,6 +28,12 @@ namespace Kel::detail {
 
 // The value types that have a value field of their own; every other type is
 // kept in the side file (marker "V"). Inline: the tool asks it too.
+// Whether a type's values are floating point (Float and Double).
+inline bool isRealType(QMetaType::Type type)
+{
+    return type == QMetaType::Double || type == QMetaType::Float;
+}
+
 inline bool isVariableType(QMetaType::Type type)
 {
     switch (type) {
@@ -261,5 +268,8 @@ void decodeFixed(const uchar* p, qint64 n, const RecordLayout& l, long long base
 // above hi was met (and the rest of the block left alone).
 bool appendFixed(const uchar* p, qint64 n, const RecordLayout& l, long long base, long long lo, long long hi,
                  std::vector<Interpolate::DataRecord>& out);
+// The same into columns, without a QVariant per record.
+bool appendFixedColumns(const uchar* p, qint64 n, const RecordLayout& l, long long base, long long lo, long long hi,
+                        RawColumns& out);
 
 } // namespace Kel::detail

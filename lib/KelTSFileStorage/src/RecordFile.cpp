@@ -402,4 +402,12 @@ bool RecordFile::appendInRange(qint64 from, qint64 n, long long lo, long long hi
     return read < 0;
 }
 
+bool RecordFile::appendColumnsInRange(qint64 from, qint64 n, long long lo, long long hi, RawColumns& out)
+{
+    const qint64 read = forEachChunk(from, n, [&](const uchar* p, qint64, qint64 size) {
+        return !appendFixedColumns(p, size, recordLayout, baseTs, lo, hi, out);
+    });
+    return read < 0;
+}
+
 } // namespace Kel::detail

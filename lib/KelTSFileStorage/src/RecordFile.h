@@ -107,6 +107,8 @@ public:
     qint64 readRecords(qint64 from, qint64 n, Interpolate::DataRecord* out);
     // Appends the records of [from, from + n) whose timestamps lie in
     // [lo, hi] to out; true when a record above hi ended the walk.
+    // The same into columns, for a fixed-length value type.
+    bool appendColumnsInRange(qint64 from, qint64 n, long long lo, long long hi, RawColumns& out);
     bool appendInRange(qint64 from, qint64 n, long long lo, long long hi,
                        std::vector<Interpolate::DataRecord>& out);
     // Hands the bytes of records [from, from + n) to visit(p, count), a block
