@@ -47,8 +47,8 @@ print(read, write)
         writes.push_back(n / writeSeconds);
         removeTree(copy);
     }
-    c.table.add({"python-read", "raw read into numpy (whole range)", summarize(reads), "", "read-used", "", ""});
-    c.table.add({"python-write", "write from numpy, one batch", summarize(writes), "", "append-one", "", ""});
+    c.table.add({"python-read", "raw read into numpy (whole range)", summarize(reads), "", "read-fresh", "at least 50M records/s asked", ""});
+    c.table.add({"python-write", "write from numpy, one batch", summarize(writes), "", "append-one", "times and values handed over as arrays", ""});
 #else
     (void)c;
 #endif

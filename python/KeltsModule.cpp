@@ -24,6 +24,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -183,6 +184,9 @@ QVariant valueFrom(const py::handle& v, QMetaType::Type type)
     return value;
 }
 
+// Records of a write from arrays handed to the storage at a time.
+constexpr py::ssize_t kWritePiece = 262144;
+
 class Series {
 public:
     Series(const std::string& path, const std::string& typeName, int maxFileSize)
@@ -236,18 +240,18 @@ public:
     // into columns, copied once into the arrays.
     py::tuple readColumns(long long from, long long to)
     {
-        Kel::RawColumns columns;
+        auto columns = std::make_unique<Kel::RawColumns>();
         failures().clear();
-        expect(Kel::readRawColumns(*storage, from, to, columns), "read the series");
-        py::array_t<qint64> times(py::ssize_t(columns.timestamps.size()));
-        std::memcpy(times.mutable_data(), columns.timestamps.data(), columns.timestamps.size() * sizeof(qint64));
-        if (type == QMetaType::Double) {
-            py::array_t<double> values(py::ssize_t(columns.reals.size()));
-            std::memcpy(values.mutable_data(), columns.reals.data(), columns.reals.size() * sizeof(double));
-            return py::make_tuple(times, values);
-        }
-        py::array wide = Kel::detail::isRealType(type) ? py::array(py::array_t<double>(py::ssize_t(columns.reals.size()), columns.reals.data()))
-                                                       : py::array(py::array_t<qint64>(py::ssize_t(columns.wholes.size()), columns.wholes.data()));
+        expect(Kel::readRawColumns(*storage, from, to, *columns), "read the series");
+        // The arrays take the columns' memory over rather than a copy of it.
+        auto* owner = columns.release();
+        const py::capsule keep(owner, [](void* p) { delete static_cast<Kel::RawColumns*>(p); });
+        const py::array times(py::dtype::of<qint64>(), {py::ssize_t(owner->timestamps.size())}, {}, owner->timestamps.data(), keep);
+        if (type == QMetaType::Double)
+            return py::make_tuple(times, py::array(py::dtype::of<double>(), {py::ssize_t(owner->reals.size())}, {}, owner->reals.data(), keep));
+        const py::array wide = Kel::detail::isRealType(type)
+                                   ? py::array(py::dtype::of<double>(), {py::ssize_t(owner->reals.size())}, {}, owner->reals.data(), keep)
+                                   : py::array(py::dtype::of<qint64>(), {py::ssize_t(owner->wholes.size())}, {}, owner->wholes.data(), keep);
         if (type == QMetaType::ULongLong)
             return py::make_tuple(times, wide.attr("view")(dtypeOf(type)));
         return py::make_tuple(times, wide.attr("astype")(dtypeOf(type)));
@@ -259,15 +263,42 @@ public:
         const py::ssize_t n = times.size();
         if (py::len(values) != size_t(n))
             refuse(QStringLiteral("%1 times and %2 values").arg(n).arg(py::len(values)));
-        Records records;
-        records.reserve(size_t(n));
         const qint64* t = times.data();
-        const bool numericArray = py::isinstance<py::array>(values) &&
-                                  QByteArrayView("biuf").contains(py::array(values).dtype().kind());
+        // Times that only grow go in pieces: each piece appends behind the
+        // one before, exactly as one batch would, and the pieces' memory is
+        // taken again by the next rather than touched afresh.
+        // Everything is checked before the first piece goes: a bad time or
+        // value writes nothing.
+        for (py::ssize_t i = 0; i < n; ++i)
+            checkedTime(t[i]);
+        const bool numbers = isNumericArray(values) && !Kel::detail::isVariableType(type);
+        if (numbers && !Kel::detail::isRealType(type) && py::array(values).dtype().kind() != 'f')
+            checkRange(values);
+        const bool growing = std::adjacent_find(t, t + n, [](qint64 a, qint64 b) { return a >= b; }) == t + n;
+        const py::ssize_t piece = growing && numbers ? kWritePiece : std::max<py::ssize_t>(n, 1);
+        for (py::ssize_t first = 0; first < n || first == 0; first += piece) {
+            const py::ssize_t last = std::min(n, first + piece);
+            Records records;
+            records.reserve(size_t(last - first));
+            appendRecords(records, t, values, first, last);
+            failures().clear();
+            expect(storage->writeDataRecords(std::move(records), backfill, overwritten), "write the records");
+            if (n == 0)
+                break;
+        }
+        return n;
+
+    }
+
+    // The records [first, last) of the arrays: numbers straight from a numpy
+    // array's buffer, other values through the checks of kelts write.
+    void appendRecords(Records& records, const qint64* t, const py::sequence& values, py::ssize_t first, py::ssize_t last)
+    {
+        const bool numericArray = isNumericArray(values);
         if (numericArray && type == QMetaType::Double) {
             const auto doubles = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(values);
             const double* v = doubles.data();
-            for (py::ssize_t i = 0; i < n; ++i)
+            for (py::ssize_t i = first; i < last; ++i)
                 records.push_back({checkedTime(t[i]), QVariant(v[i])});
         } else if (numericArray && py::array(values).dtype().kind() != 'f' && !Kel::detail::isVariableType(type) &&
                    !Kel::detail::isRealType(type) && type != QMetaType::ULongLong) {
@@ -275,22 +306,16 @@ public:
             // type's range as kelts write checks text.
             const auto wholes = py::array_t<qint64, py::array::c_style | py::array::forcecast>::ensure(values);
             const qint64* v = wholes.data();
-            const auto [lo, hi] = rangeOf(type);
-            for (py::ssize_t i = 0; i < n; ++i) {
-                if (v[i] < lo || v[i] > hi)
-                    refuse(QStringLiteral("%1 is not within the range of %2").arg(v[i]).arg(kelts::valueTypeName(type)));
+            for (py::ssize_t i = first; i < last; ++i) {
                 records.push_back({checkedTime(t[i]), type == QMetaType::Bool ? QVariant(v[i] != 0)
                                                       : type == QMetaType::LongLong ? QVariant(qlonglong(v[i]))
                                                       : type == QMetaType::UInt ? QVariant(uint(v[i]))
                                                                                 : QVariant(int(v[i]))});
             }
         } else {
-            for (py::ssize_t i = 0; i < n; ++i)
+            for (py::ssize_t i = first; i < last; ++i)
                 records.push_back({checkedTime(t[i]), valueFrom(values[size_t(i)], type)});
         }
-        failures().clear();
-        expect(storage->writeDataRecords(std::move(records), backfill, overwritten), "write the records");
-        return n;
     }
 
     long long count(long long from, long long to, const std::string& method, const py::object& interval)
@@ -342,6 +367,23 @@ private:
         Records one{r};
         py::array values = valuesOf(one, type);
         return py::make_tuple(r.timestamp, values[py::int_(0)]);
+    }
+
+    static bool isNumericArray(const py::sequence& values)
+    {
+        return py::isinstance<py::array>(values) && QByteArrayView("biuf").contains(py::array(values).dtype().kind());
+    }
+
+    // Whole numbers of any integer dtype must lie within the type's range,
+    // as kelts write checks text.
+    void checkRange(const py::sequence& values) const
+    {
+        const auto wholes = py::array_t<qint64, py::array::c_style | py::array::forcecast>::ensure(values);
+        const qint64* v = wholes.data();
+        const auto [lo, hi] = rangeOf(type);
+        for (py::ssize_t i = 0; i < wholes.size(); ++i)
+            if (v[i] < lo || v[i] > hi)
+                refuse(QStringLiteral("%1 is not within the range of %2").arg(v[i]).arg(kelts::valueTypeName(type)));
     }
 
     static std::pair<qint64, qint64> rangeOf(QMetaType::Type type)

@@ -67,7 +67,7 @@ def _times_ms(times):
         times = times.tz_convert("UTC").tz_localize(None)
     a = _np.asarray(times)
     if a.dtype.kind == "M":
-        return a.astype("datetime64[ms]").astype(_np.int64)
+        return a.astype("datetime64[ms]", copy=False).view(_np.int64)
     if a.dtype.kind in "iu":
         return a.astype(_np.int64)
     if a.dtype.kind in "OU":
