@@ -13,8 +13,9 @@ CMAKE_ARGS ?=
 BASE_PACKAGES  = cmake make g++ pkg-config qt6-base-dev libpoco-dev libgtest-dev libgmock-dev
 BENCH_PACKAGES = libbenchmark-dev libsqlite3-dev sqlite3
 FUZZ_PACKAGES  = clang libclang-rt-14-dev
-# The chart tests open each chart in headless Chromium and keep its screenshot.
-TEST_PACKAGES  = chromium
+# The chart tests open each chart in headless Chromium and keep its screenshot;
+# the shipping tests run a VictoriaMetrics.
+TEST_PACKAGES  = chromium victoria-metrics
 # The Python module kelts and its tests, for Debian's python3.
 PYTHON_PACKAGES = pybind11-dev python3-pybind11 python3-dev python3-numpy python3-pandas python3-pytest
 

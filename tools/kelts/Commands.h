@@ -66,6 +66,7 @@ extern const Command lsCommand;
 extern const Command gapsCommand;
 extern const Command tailCommand;
 extern const Command serveCommand;
+extern const Command shipCommand;
 extern const Command checkCommand;
 extern const Command templatesCommand;
 extern const Command plotCommand;

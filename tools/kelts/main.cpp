@@ -101,7 +101,7 @@ const std::vector<Command>& commands()
     static const std::vector<Command> all = {
         writeCommand, readCommand, tailCommand, countCommand, firstCommand,     lastCommand,
         findCommand,  prevCommand, deleteCommand, lsCommand, infoCommand,     checkCommand,
-        gapsCommand, plotCommand, serveCommand, templatesCommand, demoCommand,
+        gapsCommand, plotCommand, serveCommand, shipCommand, templatesCommand, demoCommand,
     };
     return all;
 }
