@@ -188,6 +188,7 @@ public:
         // may then go twice, which the target takes as the same samples).
         logRead = now / 1000 * 1000 - 1;
         long long from = shipped == LLONG_MIN ? TSFileStorage::TS_FIRST_RECORD : shipped + 1;
+        Progress progress(QStringLiteral("shipping"));
         while (!stopShipping) {
             Kel::RawColumns columns;
             const long long to = windowEnd(from, last.timestamp);
@@ -208,6 +209,7 @@ public:
             if (!columns.timestamps.empty() && !deliver(columns))
                 return false;
             const long long reached = columns.timestamps.empty() ? to : columns.timestamps.back();
+            progress.show(QStringLiteral("%1  up to %2  %3 records this run").arg(s.name, isoTime(reached), grouped(totals.records)));
             state.set(s.name, std::max(reached, to == TSFileStorage::TS_LAST_RECORD ? reached : to), logRead);
             if (to >= last.timestamp || to == TSFileStorage::TS_LAST_RECORD)
                 break;
@@ -391,7 +393,8 @@ fails, loses nothing and sends again at most the batch in flight.
                     in flight
   --state FILE      where the state is kept
 
-Prints a summary line per run: series, records, bytes, seconds.
+Prints a summary line per run: series, records, bytes, seconds; on a
+terminal, a progress line while it ships.
 Deleted records are not deleted in the target (see docs/scale-out.md).
 )",
     ship};
